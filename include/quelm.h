@@ -1,0 +1,412 @@
+/*
+ * quelm.h - flow-table library for packet-capture applications.
+ *
+ * An application creates a table, hands it every captured packet with its capture header and gets a
+ * verdict back. The table groups packets into bidirectional flows, keeps per-direction counters,
+ * expires flows on packet time and hands ended flows back through callbacks.
+ *
+ * Conventions of this API:
+ * - Constructors return NULL on failure; nothing is left allocated.
+ * - Storage operations return 1 on success and 0 otherwise.
+ * - Problems with single packets are never reported, only counted in quelm_stats.
+ * - A table and everything reached through it is used by one thread at a time; callbacks run inside
+ *   the call that triggered them and must not re-enter the same table.
+ * - Time is packet time: the library never reads a clock of its own for expiry.
+ * - Integers are in host byte order, except IPv6 addresses (16 network-order bytes). IPv4 addresses
+ *   are host-order 32-bit values stored in the first 4 bytes of a 16-byte address field.
+ */
+#ifndef QUELM_H
+#define QUELM_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#if defined(__GNUC__)
+#define QUELM_API __attribute__((visibility("default")))
+#else
+#define QUELM_API
+#endif
+
+/* ---- Versions ------------------------------------------------------------------------------ */
+
+#define QUELM_API_VERSION 107
+
+/* ---- Verdicts ------------------------------------------------------------------------------ */
+
+/* The verdict for a packet and the action attached to a flow (8 bits wherever it is stored). */
+typedef uint8_t quelm_action;
+
+enum quelm_action_value {
+    QUELM_ACTION_DEFAULT = 0,
+    QUELM_ACTION_FORWARD = 1,
+    QUELM_ACTION_DISCARD = 2,
+    QUELM_ACTION_USER_1 = 3,
+    QUELM_ACTION_USER_2 = 4,
+    QUELM_ACTION_SLICE = 5
+};
+
+/* ---- Table flags (quelm_create_table) ------------------------------------------------------ */
+
+enum quelm_table_flag {
+    /* Create and own a detection handle; run L7 detection on every new TCP/UDP flow. */
+    QUELM_FLAG_DPI = 1,
+    /* After a protocol is found, keep detecting while the engine has metadata to extract. */
+    QUELM_FLAG_DPI_EXTRA_DISSECTION = 2,
+    /* Decode GTPv1-U, L2TP, CAPWAP and VXLAN in UDP and key the flow on the inner packet. */
+    QUELM_FLAG_TUNNEL_DECODING = 4,
+    /* Never use quelm_packet_ext.hash; always compute the flow hash. */
+    QUELM_FLAG_IGNORE_PACKET_HASH = 8,
+    /* The VLAN id takes no part in the hash or in flow identity. */
+    QUELM_FLAG_IGNORE_VLAN = 16,
+    /* Never guess a protocol for a flow that detection did not identify. */
+    QUELM_FLAG_NO_L7_GUESS = 32,
+    /* Source and destination MAC addresses take part in the hash and in flow identity. */
+    QUELM_FLAG_MAC_IN_KEY = 64
+};
+
+/* ---- Packet input -------------------------------------------------------------------------- */
+
+/* The layout of struct timeval on 64-bit Linux. */
+typedef struct quelm_timeval {
+    int64_t tv_sec;
+    int64_t tv_usec;
+} quelm_timeval;
+
+/* Capture header given with each packet; never NULL. */
+typedef struct quelm_packet_header {
+    quelm_timeval ts; /* capture time: the library's only clock */
+    uint32_t caplen;  /* bytes present at the packet pointer; decoding never reads past it */
+    uint32_t len;     /* length on the wire; packets above 16384 bytes are not decoded */
+} quelm_packet_header;
+
+/* Capture-layer extras given with each packet; never NULL. */
+typedef struct quelm_packet_ext {
+    uint32_t hash;    /* symmetric packet hash of the capture layer, or 0 when none */
+    uint16_t port_id; /* source identifier of the capture layer, 0 when none */
+    uint8_t if_index; /* index of the interface that delivered the packet, 0 when unknown */
+} quelm_packet_ext;
+
+/* Opaque handles. */
+typedef struct quelm_table quelm_table;
+typedef struct quelm_flow quelm_flow;
+typedef struct quelm_hash quelm_hash;
+typedef struct quelm_fragment_hash quelm_fragment_hash;
+typedef struct quelm_fragment_entry quelm_fragment_entry;
+
+/* Per-packet metadata. The table rebuilds its one instance on every quelm_process call; the pointer
+ * that callbacks receive is valid only during that call. */
+typedef struct quelm_packet_info {
+    const quelm_packet_header *header;
+    const quelm_packet_ext *ext;
+    uint32_t direction;    /* 0: key source to destination, 1: the other way */
+    quelm_action action;   /* the verdict returned for this packet */
+    uint16_t vlan_id;      /* id of the innermost 802.1Q tag, else 0 */
+    uint8_t ip_version;    /* 4 or 6 */
+    uint8_t l4_protocol;   /* IP protocol number of the transport header */
+    uint16_t payload_len;  /* bytes of TCP/UDP payload */
+    const uint8_t *l3;     /* IP header in use (the inner one after a tunnel) */
+    const uint8_t *l4;     /* TCP/UDP header, NULL for other protocols */
+    const uint8_t *payload; /* TCP/UDP payload, NULL for other protocols */
+    uint32_t tunnel_type;  /* see quelm_flow_value.tunnel_type */
+    uint32_t tunnel_id;
+    uint32_t hash_seed; /* address part of the flow hash */
+    uint32_t hash;      /* flow hash in use */
+    uint32_t hash_idx;  /* hash masked to the bucket range of the packet's flow hash */
+    uint16_t eth_type;  /* EtherType after all tags; MPLS and PPPoE leave 0x0800 */
+    uint16_t len;       /* bytes credited to the flow: wire length (IPv6: minus the link header) */
+    uint16_t l2_offset, l3_offset, l4_offset, payload_offset;
+    uint16_t l3_payload_len; /* IPv4 total length minus header length, or IPv6 payload length */
+    uint8_t is_ipv4;         /* 1: IPv4 flow hash, 0: IPv6 flow hash */
+    uint8_t tcp_flags;
+    uint8_t icmp_type, icmp_code;
+    const uint8_t *data; /* the packet */
+    const uint8_t *eth;  /* Ethernet header in use (the inner one after VXLAN) */
+    uint32_t saddr_v4, daddr_v4; /* host order, 0 for IPv6 */
+    uint16_t sport, dport; /* host order; ICMP: sport 0, dport type << 8 | code */
+    quelm_flow *flow;      /* flow the packet was accounted to, or NULL */
+    quelm_fragment_entry *fragment; /* fragment-table entry the packet matched, or NULL */
+} quelm_packet_info;
+
+/* ---- Flow record views --------------------------------------------------------------------- */
+
+/* Identity of a flow, as its first packet showed it; the source never swaps later. */
+typedef struct quelm_flow_key {
+    uint8_t smac[6], dmac[6]; /* part of the identity only with QUELM_FLAG_MAC_IN_KEY */
+    uint8_t saddr[16], daddr[16];
+    uint8_t ip_version; /* 4 or 6 */
+    uint8_t protocol;   /* stored, but not part of the identity */
+    uint16_t sport, dport;
+    uint16_t vlan_id; /* not part of the identity with QUELM_FLAG_IGNORE_VLAN */
+} quelm_flow_key;
+
+/* Counters of one direction. */
+typedef struct quelm_flow_dir_value {
+    uint64_t pkts;
+    uint64_t bytes;
+    quelm_timeval first; /* all zero while the direction has seen no packet */
+    quelm_timeval last;
+    uint8_t tcp_flags; /* OR of all TCP flags seen */
+    uint8_t if_index;  /* last non-zero quelm_packet_ext.if_index */
+    uint16_t port_id;  /* last non-zero quelm_packet_ext.port_id */
+} quelm_flow_dir_value;
+
+/* Application protocol: detection-engine ids, 0 meaning unknown. */
+typedef struct quelm_l7_protocol {
+    uint16_t master_protocol;
+    uint16_t app_protocol;
+    int32_t category;
+} quelm_l7_protocol;
+
+/* Protocol details; the member in use follows from the flow's protocol (master, else app).
+ * Strings and the fingerprint are owned by the flow. */
+typedef union quelm_flow_l7_metadata {
+    struct {
+        uint8_t icmp_type;
+        uint8_t icmp_code;
+    } icmp;
+    struct { /* protocol id 7 */
+        char *server_name;
+        char *url;
+        uint16_t response_code;
+    } http;
+    struct { /* protocol id 91 */
+        char *server_name;
+        uint8_t *certificate_fingerprint; /* 20 bytes (SHA-1), or NULL */
+    } tls;
+    struct { /* protocol id 5 */
+        char *query;
+        uint16_t query_type;
+        uint16_t reply_code;
+    } dns;
+} quelm_flow_l7_metadata;
+
+/* Why a flow left the table (quelm_flow_value.status). */
+enum quelm_flow_status {
+    QUELM_FLOW_STATUS_ACTIVE = 0,           /* not ended, never sliced */
+    QUELM_FLOW_STATUS_IDLE_TIMEOUT = 1,     /* no packet for longer than the idle timeout */
+    QUELM_FLOW_STATUS_LIFETIME_TIMEOUT = 2, /* lasted longer than the lifetime timeout */
+    QUELM_FLOW_STATUS_FLUSHED = 4,          /* removed by quelm_flush */
+    QUELM_FLOW_STATUS_SLICE = 5             /* a slice cut from a live flow (or a sliced live flow) */
+};
+
+/* quelm_flow_value.flags */
+#define QUELM_FLOW_FLAG_L7_GUESSED 1u
+
+/* Tunnel types (quelm_flow_value.tunnel_type). */
+enum quelm_tunnel_type {
+    QUELM_TUNNEL_NONE = 0,
+    QUELM_TUNNEL_GTP_U = 1,
+    QUELM_TUNNEL_CAPWAP = 2,
+    QUELM_TUNNEL_L2TP = 4,
+    QUELM_TUNNEL_VXLAN = 5
+};
+
+typedef struct quelm_flow_value {
+    quelm_flow_dir_value direction[2]; /* [0]: key source to destination */
+    quelm_l7_protocol l7_protocol;
+    uint32_t tunnel_type;
+    uint32_t tunnel_id; /* L2TP tunnel id or VXLAN VNI */
+    quelm_flow_l7_metadata l7_metadata;
+    uint32_t status; /* enum quelm_flow_status */
+    uint32_t flags;  /* QUELM_FLOW_FLAG_* */
+    void *user;      /* user area of the table's user_size bytes, zero-filled; NULL when 0 */
+} quelm_flow_value;
+
+/* ---- Lists --------------------------------------------------------------------------------- */
+
+/* Intrusive doubly linked list of flows. A zero-filled list is empty and ready for use. */
+typedef struct quelm_list_node {
+    quelm_flow *owner;
+    struct quelm_list_node *prev;
+    struct quelm_list_node *next;
+} quelm_list_node;
+
+typedef struct quelm_list {
+    uint32_t count;
+    quelm_list_node *head;
+    quelm_list_node *tail;
+} quelm_list;
+
+/* ---- Callbacks ----------------------------------------------------------------------------- */
+
+/* Once per flow, on its first packet, after its verdict is known. */
+typedef void (*quelm_new_flow_callback)(quelm_flow *flow, void *user);
+/* For every packet that reached the verdict step, last in the call. */
+typedef void (*quelm_flow_packet_callback)(const uint8_t *packet, const quelm_packet_info *info,
+                                           quelm_flow *flow, void *user);
+/* At most once per flow, when its detection completes; packet and info are NULL when the protocol is
+ * settled as the flow leaves the table. */
+typedef void (*quelm_l7_detected_callback)(const uint8_t *packet, const quelm_packet_info *info,
+                                           quelm_flow *flow, void *user);
+/* Once per flow leaving the table: the receiver owns it and releases it with quelm_flow_free. */
+typedef void (*quelm_flow_export_callback)(quelm_flow *flow, void *user);
+/* The whole batch of leaving flows: the receiver takes every flow with quelm_list_get_next and
+ * releases each with quelm_flow_free. */
+typedef void (*quelm_flow_list_export_callback)(quelm_list *list, void *user);
+
+/* ---- Statistics ---------------------------------------------------------------------------- */
+
+typedef struct quelm_stats {
+    uint64_t active_flows;        /* flows in the table now */
+    uint64_t total_flows;         /* flows created since the table was made */
+    uint64_t flows_no_room;       /* packets needing a new flow while its hash was full */
+    uint64_t flows_no_memory;     /* packets whose new flow could not be allocated */
+    uint64_t packets_not_decoded; /* packets that reached no flow */
+    uint64_t max_bucket_walk;     /* longest unsuccessful bucket walk of the two flow hashes */
+    uint64_t packets;             /* packets given to quelm_process */
+    uint64_t bytes;               /* sum of header.len + 24 over those packets */
+} quelm_stats;
+
+/* ---- Rules --------------------------------------------------------------------------------- */
+
+/* Filter and shunt rules of one rule set. A protocol index is an engine protocol id, or
+ * master << protocol_shift | app for a pair. Table entries of 0 mean "no rule". */
+typedef struct quelm_rules {
+    uint32_t protocol_table_size; /* entries in each protocol table */
+    uint32_t category_table_size; /* entries in each category table */
+    uint8_t *filter_protocol;     /* action per protocol index */
+    uint8_t *filter_category;     /* action per category id */
+    uint8_t shunt_default;        /* packet limit for every flow, 0 = none */
+    uint8_t shunt_tcp;            /* packet limit for TCP flows */
+    uint8_t shunt_udp;            /* packet limit for UDP flows */
+    uint8_t *shunt_protocol;      /* packet limit per protocol index */
+    uint8_t *shunt_category;      /* packet limit per category id */
+} quelm_rules;
+
+/* ---- Version ------------------------------------------------------------------------------- */
+
+/* Writes "9.5.0.261007" into buf (at least 13 bytes); returns 0x90500. */
+QUELM_API uint32_t quelm_version(char *buf);
+/* Always QUELM_API_VERSION (107). */
+QUELM_API uint32_t quelm_api_version(void);
+
+/* ---- Table --------------------------------------------------------------------------------- */
+
+/* Per-table active-flow counter; used by the flow hash when flows leave it. */
+QUELM_API void quelm_table_inc_active_flows(quelm_table *table, uint32_t count);
+QUELM_API void quelm_table_dec_active_flows(quelm_table *table, uint32_t count);
+/* Settles a flow that leaves the table (protocol guess, metadata, L7-detected callback). */
+QUELM_API void quelm_pre_export(quelm_table *table, quelm_flow *flow);
+
+/* ---- Flow hash ----------------------------------------------------------------------------- */
+
+/* A hash of `size` buckets (rounded up to a power of two) holding at most 2 * size flows.
+ * NULL when memory runs out. */
+QUELM_API quelm_hash *quelm_hash_alloc(uint32_t size, uint32_t idle_timeout, uint32_t ignore_vlan,
+                                       uint32_t mac_in_key);
+/* Releases every flow still in the buckets (not those waiting for export), then the hash. */
+QUELM_API void quelm_hash_free(quelm_hash *hash);
+/* Writes info->hash and info->hash_idx for this hash. */
+QUELM_API void quelm_hash_compute_hash_index(quelm_hash *hash, quelm_packet_info *info);
+/* The packet's flow in either direction (direction set to 0 or 1), or NULL. Retires the idle and
+ * slice-due flows it passes. */
+QUELM_API quelm_flow *quelm_hash_find(quelm_table *table, quelm_hash *hash, quelm_packet_info *info,
+                                      uint32_t *direction);
+/* 1 when inserted, 0 when the hash is full. The hash takes the caller's reference. */
+QUELM_API int quelm_hash_add(quelm_hash *hash, quelm_flow *flow);
+/* 1 when the flow was in chain `idx` and is now unlinked, else 0. */
+QUELM_API int quelm_hash_remove(quelm_hash *hash, quelm_flow *flow, uint32_t idx);
+/* Calls cb for every flow until it returns non-zero; cb may remove the flow it is given. */
+QUELM_API void quelm_hash_walk(quelm_hash *hash, int (*cb)(quelm_flow *flow, void *user), void *user);
+/* Retires a flow: out of its chain and recency list, settled, into the export list. The caller sets
+ * the flow's status first. */
+QUELM_API void quelm_hash_export_flow(quelm_table *table, quelm_hash *hash, quelm_flow *flow);
+/* Cuts a slice of the flow's counters since the previous one into the export list. */
+QUELM_API void quelm_hash_export_flow_slice(quelm_table *table, quelm_hash *hash, quelm_flow *flow,
+                                            uint32_t now);
+/* Retires idle and slices due flows from the old end of the recency list; stops at the first flow
+ * that is neither. now == 0xFFFFFFFF flushes every flow. Returns how many it retired or sliced. */
+QUELM_API uint32_t quelm_hash_harvest_expired_flows(quelm_table *table, quelm_hash *hash,
+                                                    uint32_t now);
+/* Examines the next slice of buckets for idle and slice-due flows. */
+QUELM_API uint32_t quelm_hash_check_expired_flows(quelm_table *table, quelm_hash *hash, uint32_t now);
+
+/* ---- Lists --------------------------------------------------------------------------------- */
+
+/* None of these allocate; a node must be in the list given (or, to insert, in none). */
+QUELM_API void quelm_list_append(quelm_list *list, quelm_list_node *node);
+QUELM_API void quelm_list_prepend(quelm_list *list, quelm_list_node *node);
+QUELM_API void quelm_list_remove(quelm_list *list, quelm_list_node *node);
+QUELM_API void quelm_list_move_to_head(quelm_list *list, quelm_list_node *node);
+QUELM_API void quelm_list_move_to_tail(quelm_list *list, quelm_list_node *node);
+/* Appends all of src to dst in order; src is left empty. */
+QUELM_API void quelm_list_merge(quelm_list *dst, quelm_list *src);
+/* The flow at the head, removed from the list, or NULL when empty. */
+QUELM_API quelm_flow *quelm_list_pop_head(quelm_list *list);
+QUELM_API quelm_flow *quelm_list_get_next(quelm_list *list);
+/* Releases every flow of the list with quelm_flow_free. */
+QUELM_API void quelm_list_cleanup(quelm_list *list);
+/* Prints one line per flow on standard output, then "<n>/<count> flows dumped" without a line end.
+ * `pelda` (detection handle) may be NULL. */
+QUELM_API void quelm_list_dump_flows(quelm_list *list, void *pelda);
+
+/* ---- Flow records -------------------------------------------------------------------------- */
+
+/* A flow keyed from a decoded packet, with `user_size` zero bytes of user area; NULL when memory runs
+ * out. `pelda` may be NULL (detection is then done at once). */
+QUELM_API quelm_flow *quelm_flow_new(quelm_packet_info *info, void *pelda, uint16_t user_size);
+/* Drops one reference; the record, its strings and its engine state go with the last one. */
+QUELM_API void quelm_flow_free(quelm_flow *flow);
+/* A copy of the flow's counters holding a reference on it; NULL when memory runs out. */
+QUELM_API quelm_flow *quelm_flow_slice(quelm_flow *flow);
+/* Zeroes packets and bytes of both directions and moves `first` to `last`. Returns the flow. */
+QUELM_API quelm_flow *quelm_flow_reset_counters(quelm_flow *flow);
+/* Guesses a protocol for an unidentified flow and copies its protocol details. */
+QUELM_API void quelm_flow_prepare_for_export(quelm_flow *flow, void *pelda, uint32_t guess);
+/* One-line text form, truncated to `size` bytes (terminator included). Returns buf. */
+QUELM_API char *quelm_flow_print(quelm_flow *flow, char *buf, uint32_t size, void *pelda);
+QUELM_API uint64_t quelm_flow_get_id(quelm_flow *flow);
+/* Views into the flow, valid while the caller holds its reference. */
+QUELM_API quelm_flow_key *quelm_flow_get_key(quelm_flow *flow);
+QUELM_API quelm_flow_value *quelm_flow_get_value(quelm_flow *flow);
+/* The engine's per-flow state, or NULL. */
+QUELM_API void *quelm_flow_get_pelda_handle(quelm_flow *flow);
+QUELM_API void quelm_flow_set_action(quelm_flow *flow, quelm_action action);
+QUELM_API quelm_action quelm_flow_get_action(quelm_flow *flow);
+/* References held on the flow; for a slice, those of the live flow it was cut from. */
+QUELM_API uint32_t quelm_flow_get_users(quelm_flow *flow);
+
+/* ---- IPv4 fragment table ------------------------------------------------------------------- */
+
+/* `size` slots rounded up to a power of two (0 gives a table that finds nothing); NULL when memory
+ * runs out. */
+QUELM_API quelm_fragment_hash *quelm_fragment_hash_alloc(uint32_t size);
+QUELM_API void quelm_fragment_hash_free(quelm_fragment_hash *table);
+/* The datagram's entry, refreshed for two seconds of packet time, or NULL when every slot holds a
+ * valid entry of another datagram. */
+QUELM_API quelm_fragment_entry *quelm_fragment_hash_find(quelm_fragment_hash *table,
+                                                         uint32_t key_hash, uint16_t ip_id,
+                                                         const quelm_packet_header *header);
+/* Empties slots first..last, walking forward and wrapping. */
+QUELM_API void quelm_fragment_hash_remove_range(quelm_fragment_hash *table, uint32_t first,
+                                                uint32_t last);
+
+/* ---- Formatting helpers -------------------------------------------------------------------- */
+
+/* Writes the version text into buf (at least 13 bytes); returns the version number. */
+QUELM_API uint32_t utils_read_version(char *buf);
+QUELM_API uint64_t utils_tv_to_msec(const quelm_timeval *tv);
+/* Wall-clock milliseconds since the epoch (not monotonic). */
+QUELM_API uint64_t utils_time_msec(void);
+/* The later of two times; `a` when equal. */
+QUELM_API const quelm_timeval *utils_get_last(const quelm_timeval *a, const quelm_timeval *b);
+/* "00:1B:2C:0A:FF:01" into buf (at least 18 bytes). */
+QUELM_API char *utils_ethtoa(const uint8_t mac[6], char *buf);
+/* Dotted quad written at the END of buf (at least 16 bytes): use the returned pointer, not buf. */
+QUELM_API char *utils_intoav4(uint32_t addr, char *buf, uint64_t bufsize);
+/* Compressed IPv6 text into buf; NULL when it does not fit. */
+QUELM_API char *utils_intoav6(const uint8_t addr[16], char *buf, uint16_t bufsize);
+/* Name of an IP protocol number; unnamed numbers are written into one shared static buffer. */
+QUELM_API const char *utils_prototoa(uint32_t proto);
+/* Smallest power of two >= v; 0 for 0 and for values above 2^31. */
+QUELM_API uint32_t utils_pow2(uint32_t v);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* QUELM_H */
