@@ -286,11 +286,64 @@ QUELM_API uint32_t quelm_api_version(void);
 
 /* ---- Table --------------------------------------------------------------------------------- */
 
+/* Progress messages of the rule and configuration code ("[QUELM] ...") on standard output while
+ * non-zero; set by quelm_debug(). Process-wide. */
+QUELM_API extern uint32_t quelm_debug_enabled;
+QUELM_API void quelm_debug(void);
+
+/* A table for one packet stream. `max_flows` sizes the IPv4 flow hash (0: 512,000; rounded up to a
+ * power of two); it holds up to twice that many IPv4 flows and half as many IPv6 ones. Timeouts in
+ * seconds (0: 30 s idle, 120 s lifetime). Every flow gets `user_size` zero bytes of user area.
+ * NULL when memory runs out or the detection engine cannot be set up (QUELM_FLAG_DPI). */
+QUELM_API quelm_table *quelm_create_table(uint32_t flags, uint32_t max_flows,
+                                          uint32_t flow_idle_timeout,
+                                          uint32_t flow_lifetime_timeout, uint16_t user_size);
+/* Releases the table and every flow still in it, without exporting them (call quelm_flush first
+ * to receive them). */
+QUELM_API void quelm_destroy_table(quelm_table *table);
+/* Cuts a slice of every flow every `flow_slicing` seconds of packet time (0: off). */
+QUELM_API void quelm_flow_set_flow_slicing(quelm_table *table, uint32_t flow_slicing);
+/* Callbacks: each setter stores the function (NULL clears it) and its user pointer. */
+QUELM_API void quelm_set_new_flow_callback(quelm_table *table, quelm_new_flow_callback cb,
+                                           void *user);
+QUELM_API void quelm_set_flow_packet_callback(quelm_table *table, quelm_flow_packet_callback cb,
+                                              void *user);
+QUELM_API void quelm_set_l7_detected_callback(quelm_table *table, quelm_l7_detected_callback cb,
+                                              void *user);
+QUELM_API void quelm_set_flow_export_callback(quelm_table *table, quelm_flow_export_callback cb,
+                                              void *user);
+QUELM_API void quelm_set_flow_list_export_callback(quelm_table *table,
+                                                   quelm_flow_list_export_callback cb, void *user);
+/* Verdict of flows that no rule decides. */
+QUELM_API void quelm_set_default_action(quelm_table *table, quelm_action action);
+/* A live view of the table's counters. */
+QUELM_API quelm_stats *quelm_get_stats(quelm_table *table);
+/* Lends the table a detection handle, which must outlive it; a handle the table made is released.
+ * 0, or -1 when the rule tables cannot be sized (the handle is installed all the same). */
+QUELM_API int quelm_set_pelda_handle(quelm_table *table, void *pelda);
+QUELM_API void *quelm_get_pelda_handle(quelm_table *table);
+
 /* Per-table active-flow counter; used by the flow hash when flows leave it. */
 QUELM_API void quelm_table_inc_active_flows(quelm_table *table, uint32_t count);
 QUELM_API void quelm_table_dec_active_flows(quelm_table *table, uint32_t count);
 /* Settles a flow that leaves the table (protocol guess, metadata, L7-detected callback). */
 QUELM_API void quelm_pre_export(quelm_table *table, quelm_flow *flow);
+
+/* ---- Packets and expiry -------------------------------------------------------------------- */
+
+/* Accounts one packet (starting at its Ethernet header; header->caplen bytes readable) and returns
+ * its verdict. Packets that are not decoded or get no flow return QUELM_ACTION_DEFAULT and are
+ * counted in quelm_stats. Runs housekeeping when the packet's second is new. */
+QUELM_API quelm_action quelm_process(quelm_table *table, const uint8_t *packet,
+                                     const quelm_packet_header *header,
+                                     const quelm_packet_ext *ext);
+/* Expires idle flows and cuts due slices at packet second `now`, then hands the ended flows to the
+ * export callbacks. Call it while no packets arrive. 1 when a pass ran, 0 when `now` had already
+ * been handled. */
+QUELM_API int quelm_housekeeping(quelm_table *table, uint32_t now);
+/* Ends every flow (status QUELM_FLOW_STATUS_FLUSHED) and hands them to the export callbacks. The
+ * table stays usable. */
+QUELM_API void quelm_flush(quelm_table *table);
 
 /* ---- Flow hash ----------------------------------------------------------------------------- */
 
