@@ -36,8 +36,20 @@ extern "C" {
 #define PELDA_PROTOCOL_HTTP 7
 #define PELDA_PROTOCOL_TLS 91
 
-/* `state` of a detection result: the engine has nothing more to extract. */
-#define PELDA_STATE_DONE 3
+/* `state` of a detection result. */
+#define PELDA_STATE_INSPECTING 0 /* no protocol named yet */
+#define PELDA_STATE_EXTRACTING 1 /* protocol named; later packets may add metadata */
+#define PELDA_STATE_DONE 3       /* the engine has nothing more to extract */
+
+/* `confidence` of a detection result: how the protocol was obtained. */
+#define PELDA_CONFIDENCE_UNKNOWN 0
+#define PELDA_CONFIDENCE_DPI 1 /* a dissector recognised the payload */
+#define PELDA_CONFIDENCE_DPI_PARTIAL \
+    2 /* a dissector saw the start of a protocol, not enough to name it */
+#define PELDA_CONFIDENCE_CUSTOM_RULE 3 /* a port or host rule of a loaded protocols file */
+#define PELDA_CONFIDENCE_GUESS_PORT 4  /* guessed from the well-known port */
+#define PELDA_CONFIDENCE_GUESS_IP 5    /* guessed from a custom network */
+#define PELDA_CONFIDENCE_GUESS_PROTO 6 /* guessed from the IP protocol number */
 
 /* A detection module: one engine instance with its protocol tables. */
 typedef struct pelda_detection_module pelda_detection_module;
@@ -114,6 +126,100 @@ PELDA_API uint16_t pelda_network_ptree_match(pelda_detection_module *module, uin
 
 /* ---- SHA-256 -------------------------------------------------------------- */
 PELDA_API void pelda_sha256(const void *data, size_t len, uint8_t out[32]);
+
+/* ---- Serializer ----------------------------------------------------------
+ * Builds records of keyed values in JSON or in the engine's TLV format (see README).
+ * Records of a batch are separated by pelda_serialize_end_of_record(), called before
+ * every record but the first. Values are copied when the call is made. Every call
+ * returns 0 on success and -1 on failure (no memory, bad nesting, not initialised). */
+typedef enum {
+    PELDA_SERIALIZATION_FORMAT_TLV = 1,
+    PELDA_SERIALIZATION_FORMAT_JSON = 2
+} pelda_serialization_format;
+
+#define PELDA_SERIALIZER_MAX_DEPTH 16
+
+/* Plain data, embeddable by value; zero-filled it is "not initialised". */
+typedef struct pelda_serializer {
+    uint8_t *buffer;   /* heap bytes; byte 0 is reserved for the JSON array bracket */
+    uint32_t size;     /* bytes written, including the reserved byte */
+    uint32_t capacity; /* bytes allocated */
+    uint32_t format;   /* pelda_serialization_format, 0 when not initialised */
+    uint32_t records;  /* records in the batch (1 once the first element is written) */
+    uint32_t depth;    /* open blocks in the current record */
+    uint32_t failed;   /* sticky: a write ran out of memory */
+    uint8_t need_comma[PELDA_SERIALIZER_MAX_DEPTH + 1]; /* JSON: level holds an element */
+    uint8_t reserved[7];
+} pelda_serializer;
+
+PELDA_API int pelda_init_serializer(pelda_serializer *s, pelda_serialization_format fmt);
+PELDA_API void pelda_reset_serializer(pelda_serializer *s);
+PELDA_API void pelda_term_serializer(pelda_serializer *s);
+/* The serialised batch; *len gets its length. JSON text is NUL-terminated (the NUL is
+ * not counted). The pointer stays valid until the next write, reset or term. */
+PELDA_API char *pelda_serializer_get_buffer(pelda_serializer *s, uint32_t *len);
+PELDA_API int pelda_serialize_end_of_record(pelda_serializer *s);
+PELDA_API int pelda_serialize_uint32_uint32(pelda_serializer *s, uint32_t key, uint32_t value);
+PELDA_API int pelda_serialize_uint32_uint64(pelda_serializer *s, uint32_t key, uint64_t value);
+PELDA_API int pelda_serialize_uint32_string(pelda_serializer *s, uint32_t key, const char *value);
+PELDA_API int pelda_serialize_string_uint32(pelda_serializer *s, const char *key, uint32_t value);
+PELDA_API int pelda_serialize_string_uint64(pelda_serializer *s, const char *key, uint64_t value);
+PELDA_API int pelda_serialize_string_string(pelda_serializer *s, const char *key,
+                                            const char *value);
+PELDA_API int pelda_serialize_start_of_block(pelda_serializer *s, const char *key);
+PELDA_API int pelda_serialize_end_of_block(pelda_serializer *s);
+
+/* ---- TLV reader ------------------------------------------------------------
+ * Walks a TLV batch element by element. Strings and text keys point into the
+ * caller's buffer and are not NUL-terminated. */
+typedef enum {
+    PELDA_TLV_UINT32 = 1,
+    PELDA_TLV_UINT64 = 2,
+    PELDA_TLV_STRING = 3,
+    PELDA_TLV_START_OF_BLOCK = 4, /* text key, no value */
+    PELDA_TLV_END_OF_BLOCK = 5,   /* no key, no value */
+    PELDA_TLV_END_OF_RECORD = 6   /* no key, no value: the next record starts */
+} pelda_tlv_kind;
+
+typedef enum {
+    PELDA_TLV_KEY_NONE = 0,
+    PELDA_TLV_KEY_NUMBER = 1,
+    PELDA_TLV_KEY_TEXT = 2
+} pelda_tlv_key_kind;
+
+typedef struct pelda_tlv_element {
+    uint8_t kind;         /* pelda_tlv_kind */
+    uint8_t key_kind;     /* pelda_tlv_key_kind */
+    uint16_t depth;       /* blocks open around this element */
+    uint32_t key_number;  /* PELDA_TLV_KEY_NUMBER */
+    const char *key_text; /* PELDA_TLV_KEY_TEXT, key_text_len bytes */
+    uint32_t key_text_len;
+    uint32_t string_len; /* PELDA_TLV_STRING */
+    const char *string;
+    uint64_t number; /* PELDA_TLV_UINT32 and PELDA_TLV_UINT64 */
+} pelda_tlv_element;
+
+typedef struct pelda_tlv_reader {
+    const uint8_t *data;
+    uint32_t len;
+    uint32_t pos;
+    uint32_t depth;
+    int32_t error; /* non-zero once the batch was found malformed */
+} pelda_tlv_reader;
+
+/* 0, or -1 when the buffer does not start a TLV batch of a version this reader knows. */
+PELDA_API int pelda_tlv_reader_init(pelda_tlv_reader *r, const void *data, uint32_t len);
+/* 1 with the next element in *e, 0 at the end of the batch, -1 when malformed
+ * (truncated, unknown element, bad nesting); after -1 every call returns -1. */
+PELDA_API int pelda_tlv_reader_next(pelda_tlv_reader *r, pelda_tlv_element *e);
+
+/* ---- Protocol and category details ----------------------------------------- */
+/* Category id of a protocol, or 0 when the id is unknown. */
+PELDA_API uint32_t pelda_get_proto_category(pelda_detection_module *module, uint16_t proto);
+/* Category id by name (case-insensitive), or -1. */
+PELDA_API int pelda_get_category_by_name(pelda_detection_module *module, const char *name);
+/* Name of the flow's detected server name (HTTP host, TLS server name, DNS query), or null. */
+PELDA_API const char *pelda_flow_server_name(const pelda_flow *flow);
 
 #ifdef __cplusplus
 }
