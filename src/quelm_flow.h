@@ -68,6 +68,9 @@ extern "C" {
 int quelm_flow_dpi_alloc(quelm_flow *flow);
 void quelm_flow_dpi_init(quelm_flow *flow, void *pelda);
 void quelm_flow_dpi_guess(quelm_flow *flow, void *pelda, uint32_t allowed);
+// One detection step on the packet just accounted to the flow.
+void quelm_flow_dpi_run(uint16_t tcp_limit, uint16_t udp_limit, uint8_t extra_dissection,
+                        quelm_flow *flow, const quelm_packet_info *packet, void *pelda);
 void quelm_flow_dpi_free(quelm_flow *flow);
 // Copies the protocol details of the engine's per-flow state into the flow, once.
 void quelm_flow_dpi_copy_metadata(quelm_flow *flow, uint16_t protocol_id);

@@ -1,0 +1,191 @@
+// Frames assembled field by field for decoding and pipeline tests. Layers are appended outside-in;
+// each layer patches the type or protocol field of the one before it, and bytes() fills in the IP
+// and UDP lengths, so a test names only what it cares about.
+#pragma once
+
+#include <arpa/inet.h>
+
+#include <array>
+#include <cstdint>
+#include <initializer_list>
+#include <vector>
+
+namespace quelm_test {
+
+using Mac = std::array<uint8_t, 6>;
+inline constexpr Mac kClientMac = {0x02, 0x00, 0x00, 0x00, 0x00, 0x0A};
+inline constexpr Mac kServerMac = {0x02, 0x00, 0x00, 0x00, 0x00, 0x0B};
+
+struct Ipv4Options {
+    uint16_t id = 0x1234;
+    bool more_fragments = false;
+    uint16_t fragment_offset = 0;  // in 8-byte units
+    uint8_t ihl = 5;
+    uint8_t version = 4;
+    int total_length = -1;  // -1: computed
+};
+
+class Frame {
+public:
+    Frame &eth(const Mac &src = kClientMac, const Mac &dst = kServerMac) {
+        put(dst.begin(), dst.end());
+        put(src.begin(), src.end());
+        type_at_ = b_.size();
+        put16(0);
+        return *this;
+    }
+    Frame &vlan(uint16_t id) {
+        link_type(0x8100);
+        put16(id & 0x0FFF);
+        type_at_ = b_.size();
+        put16(0);
+        return *this;
+    }
+    Frame &mpls(uint32_t label, bool bottom) {
+        link_type(0x8847);
+        put32(label << 12 | (bottom ? 0x100u : 0) | 64);
+        return *this;
+    }
+    Frame &pppoe(uint16_t ppp_protocol = 0x0021) {
+        link_type(0x8864);
+        put({0x11, 0x00, 0x00, 0x01, 0x00, 0x00});  // version/type, code, session, length
+        put16(ppp_protocol);
+        return *this;
+    }
+    Frame &ethertype(uint16_t type) {  // for link types this builder has no layer of
+        link_type(type);
+        return *this;
+    }
+    Frame &ipv4(const char *src, const char *dst, const Ipv4Options &o = {}) {
+        link_type(0x0800);
+        ip_.push_back({b_.size(), 4, o.total_length});
+        put(uint8_t(o.version << 4 | o.ihl));
+        put(0);
+        put16(0);  // total length, filled in by bytes()
+        put16(o.id);
+        put16(uint16_t((o.more_fragments ? 0x2000 : 0) | (o.fragment_offset & 0x1FFF)));
+        put(64);
+        proto_at_ = b_.size();
+        put(0);
+        put16(0);
+        put_addr(AF_INET, src, 4);
+        put_addr(AF_INET, dst, 4);
+        for (int i = 5; i < o.ihl; i++) put32(0x01010101);  // NOP options
+        return *this;
+    }
+    Frame &ipv6(const char *src, const char *dst, bool dest_options = false) {
+        link_type(0x86DD);
+        ip_.push_back({b_.size(), 6, -1});
+        put32(0x60000000);
+        put16(0);
+        proto_at_ = b_.size();
+        put(0);
+        put(64);
+        put_addr(AF_INET6, src, 16);
+        put_addr(AF_INET6, dst, 16);
+        if (dest_options) {
+            b_[proto_at_] = 60;
+            proto_at_ = b_.size();
+            put({0, 0, 1, 4, 0, 0, 0, 0});  // next header, 8 bytes, PadN
+        }
+        return *this;
+    }
+    Frame &tcp(uint16_t sport, uint16_t dport, uint8_t flags = 0x10, uint8_t data_offset = 5) {
+        ip_proto(6);
+        put16(sport);
+        put16(dport);
+        put32(1000);
+        put32(2000);
+        put(uint8_t(data_offset << 4));
+        put(flags);
+        put16(65535);
+        put32(0);
+        for (int i = 5; i < data_offset && i < 15; i++) put32(0x01010101);
+        return *this;
+    }
+    Frame &udp(uint16_t sport, uint16_t dport) {
+        ip_proto(17);
+        udp_.push_back(b_.size());
+        put16(sport);
+        put16(dport);
+        put16(0);
+        put16(0);
+        return *this;
+    }
+    Frame &icmp(uint8_t type, uint8_t code, uint8_t proto = 1) {
+        ip_proto(proto);
+        put({type, code, 0, 0, 0, 1, 0, 1});
+        return *this;
+    }
+    Frame &l4(uint8_t proto) {
+        ip_proto(proto);
+        return *this;
+    }
+    Frame &bytes(std::initializer_list<uint8_t> v) {
+        put(v);
+        return *this;
+    }
+    Frame &payload(size_t n, uint8_t fill = 0x61) {
+        b_.insert(b_.end(), n, fill);
+        return *this;
+    }
+    // The finished frame: IPv4 total lengths, IPv6 payload lengths and UDP lengths cover
+    // everything behind their header.
+    std::vector<uint8_t> build() const {
+        std::vector<uint8_t> out = b_;
+        for (const IpLayer &ip : ip_) {
+            const size_t rest = out.size() - ip.at;
+            if (ip.version == 4)
+                set16(out, ip.at + 2, ip.total_length >= 0 ? uint16_t(ip.total_length) : uint16_t(rest));
+            else
+                set16(out, ip.at + 4, uint16_t(rest - 40));
+        }
+        for (size_t at : udp_) set16(out, at + 4, uint16_t(out.size() - at));
+        return out;
+    }
+    size_t size() const { return b_.size(); }
+
+private:
+    struct IpLayer {
+        size_t at;
+        int version;
+        int total_length;
+    };
+    void link_type(uint16_t type) {
+        if (type_at_ != 0) set16(b_, type_at_, type);
+        type_at_ = 0;
+    }
+    void ip_proto(uint8_t proto) {
+        if (proto_at_ != 0) b_[proto_at_] = proto;
+        proto_at_ = 0;
+    }
+    static void set16(std::vector<uint8_t> &v, size_t at, uint16_t x) {
+        v[at] = uint8_t(x >> 8);
+        v[at + 1] = uint8_t(x);
+    }
+    void put(uint8_t x) { b_.push_back(x); }
+    void put(std::initializer_list<uint8_t> v) { b_.insert(b_.end(), v); }
+    template <typename It>
+    void put(It first, It last) {
+        b_.insert(b_.end(), first, last);
+    }
+    void put16(uint16_t x) {
+        put(uint8_t(x >> 8));
+        put(uint8_t(x));
+    }
+    void put32(uint32_t x) {
+        put16(uint16_t(x >> 16));
+        put16(uint16_t(x));
+    }
+    void put_addr(int family, const char *text, size_t len) {
+        uint8_t a[16] = {};
+        inet_pton(family, text, a);
+        b_.insert(b_.end(), a, a + len);
+    }
+    std::vector<uint8_t> b_;
+    std::vector<IpLayer> ip_;
+    std::vector<size_t> udp_;
+    size_t type_at_ = 0, proto_at_ = 0;
+};
+
+}  // namespace quelm_test
