@@ -23,8 +23,9 @@ std::vector<Tuple> make_tuples(size_t n, uint32_t seed) {
     std::mt19937 rng(seed);
     std::vector<Tuple> out(n);
     for (size_t i = 0; i < n; i++) {
-        out[i] = {uint32_t(0x0A000000u | (rng() & 0xFFFFFF)), uint32_t(0xC0A80000u | (rng() & 0xFFFF)),
-                  uint16_t(1024 + rng() % 60000), uint16_t(i % 7 == 0 ? 53 : 443)};
+        out[i] = {uint32_t(0x0A000000u | (rng() & 0xFFFFFF)),
+                  uint32_t(0xC0A80000u | (rng() & 0xFFFF)), uint16_t(1024 + rng() % 60000),
+                  uint16_t(i % 7 == 0 ? 53 : 443)};
     }
     return out;
 }
@@ -40,7 +41,8 @@ struct Fixture {
             quelm_hash_add(hash, f);
         }
         order.resize(n);
-        for (size_t i = 0; i < n; i++) order[i] = uint32_t(i);
+        for (size_t i = 0; i < n; i++)
+            order[i] = uint32_t(i);
         std::shuffle(order.begin(), order.end(), std::mt19937(3));
     }
     ~Fixture() {
@@ -81,9 +83,15 @@ void run_lookups(benchmark::State &state, bool reverse, bool miss) {
     state.counters["max_walk"] = double(fx.hash->max_bucket_walk);
 }
 
-void BM_LookupHit(benchmark::State &state) { run_lookups(state, false, false); }
-void BM_LookupHitReverse(benchmark::State &state) { run_lookups(state, true, false); }
-void BM_LookupMiss(benchmark::State &state) { run_lookups(state, false, true); }
+void BM_LookupHit(benchmark::State &state) {
+    run_lookups(state, false, false);
+}
+void BM_LookupHitReverse(benchmark::State &state) {
+    run_lookups(state, true, false);
+}
+void BM_LookupMiss(benchmark::State &state) {
+    run_lookups(state, false, true);
+}
 
 // Flow creation plus insertion, as a packet of a new flow costs it; the hash is rebuilt (untimed)
 // whenever it is full.

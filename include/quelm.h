@@ -102,16 +102,16 @@ typedef struct quelm_fragment_entry quelm_fragment_entry;
 typedef struct quelm_packet_info {
     const quelm_packet_header *header;
     const quelm_packet_ext *ext;
-    uint32_t direction;    /* 0: key source to destination, 1: the other way */
-    quelm_action action;   /* the verdict returned for this packet */
-    uint16_t vlan_id;      /* id of the innermost 802.1Q tag, else 0 */
-    uint8_t ip_version;    /* 4 or 6 */
-    uint8_t l4_protocol;   /* IP protocol number of the transport header */
-    uint16_t payload_len;  /* bytes of TCP/UDP payload */
-    const uint8_t *l3;     /* IP header in use (the inner one after a tunnel) */
-    const uint8_t *l4;     /* TCP/UDP header, NULL for other protocols */
+    uint32_t direction;     /* 0: key source to destination, 1: the other way */
+    quelm_action action;    /* the verdict returned for this packet */
+    uint16_t vlan_id;       /* id of the innermost 802.1Q tag, else 0 */
+    uint8_t ip_version;     /* 4 or 6 */
+    uint8_t l4_protocol;    /* IP protocol number of the transport header */
+    uint16_t payload_len;   /* bytes of TCP/UDP payload */
+    const uint8_t *l3;      /* IP header in use (the inner one after a tunnel) */
+    const uint8_t *l4;      /* TCP/UDP header, NULL for other protocols */
     const uint8_t *payload; /* TCP/UDP payload, NULL for other protocols */
-    uint32_t tunnel_type;  /* see quelm_flow_value.tunnel_type */
+    uint32_t tunnel_type;   /* see quelm_flow_value.tunnel_type */
     uint32_t tunnel_id;
     uint32_t hash_seed; /* address part of the flow hash */
     uint32_t hash;      /* flow hash in use */
@@ -123,11 +123,11 @@ typedef struct quelm_packet_info {
     uint8_t is_ipv4;         /* 1: IPv4 flow hash, 0: IPv6 flow hash */
     uint8_t tcp_flags;
     uint8_t icmp_type, icmp_code;
-    const uint8_t *data; /* the packet */
-    const uint8_t *eth;  /* Ethernet header in use (the inner one after VXLAN) */
-    uint32_t saddr_v4, daddr_v4; /* host order, 0 for IPv6 */
-    uint16_t sport, dport; /* host order; ICMP: sport 0, dport type << 8 | code */
-    quelm_flow *flow;      /* flow the packet was accounted to, or NULL */
+    const uint8_t *data;            /* the packet */
+    const uint8_t *eth;             /* Ethernet header in use (the inner one after VXLAN) */
+    uint32_t saddr_v4, daddr_v4;    /* host order, 0 for IPv6 */
+    uint16_t sport, dport;          /* host order; ICMP: sport 0, dport type << 8 | code */
+    quelm_flow *flow;               /* flow the packet was accounted to, or NULL */
     quelm_fragment_entry *fragment; /* fragment-table entry the packet matched, or NULL */
 } quelm_packet_info;
 
@@ -190,7 +190,7 @@ enum quelm_flow_status {
     QUELM_FLOW_STATUS_IDLE_TIMEOUT = 1,     /* no packet for longer than the idle timeout */
     QUELM_FLOW_STATUS_LIFETIME_TIMEOUT = 2, /* lasted longer than the lifetime timeout */
     QUELM_FLOW_STATUS_FLUSHED = 4,          /* removed by quelm_flush */
-    QUELM_FLOW_STATUS_SLICE = 5             /* a slice cut from a live flow (or a sliced live flow) */
+    QUELM_FLOW_STATUS_SLICE = 5 /* a slice cut from a live flow (or a sliced live flow) */
 };
 
 /* quelm_flow_value.flags */
@@ -238,8 +238,8 @@ typedef void (*quelm_new_flow_callback)(quelm_flow *flow, void *user);
 /* For every packet that reached the verdict step, last in the call. */
 typedef void (*quelm_flow_packet_callback)(const uint8_t *packet, const quelm_packet_info *info,
                                            quelm_flow *flow, void *user);
-/* At most once per flow, when its detection completes; packet and info are NULL when the protocol is
- * settled as the flow leaves the table. */
+/* At most once per flow, when its detection completes; packet and info are NULL when the protocol
+ * is settled as the flow leaves the table. */
 typedef void (*quelm_l7_detected_callback)(const uint8_t *packet, const quelm_packet_info *info,
                                            quelm_flow *flow, void *user);
 /* Once per flow leaving the table: the receiver owns it and releases it with quelm_flow_free. */
@@ -364,7 +364,8 @@ QUELM_API int quelm_hash_add(quelm_hash *hash, quelm_flow *flow);
 /* 1 when the flow was in chain `idx` and is now unlinked, else 0. */
 QUELM_API int quelm_hash_remove(quelm_hash *hash, quelm_flow *flow, uint32_t idx);
 /* Calls cb for every flow until it returns non-zero; cb may remove the flow it is given. */
-QUELM_API void quelm_hash_walk(quelm_hash *hash, int (*cb)(quelm_flow *flow, void *user), void *user);
+QUELM_API void quelm_hash_walk(quelm_hash *hash, int (*cb)(quelm_flow *flow, void *user),
+                               void *user);
 /* Retires a flow: out of its chain and recency list, settled, into the export list. The caller sets
  * the flow's status first. */
 QUELM_API void quelm_hash_export_flow(quelm_table *table, quelm_hash *hash, quelm_flow *flow);
@@ -376,7 +377,8 @@ QUELM_API void quelm_hash_export_flow_slice(quelm_table *table, quelm_hash *hash
 QUELM_API uint32_t quelm_hash_harvest_expired_flows(quelm_table *table, quelm_hash *hash,
                                                     uint32_t now);
 /* Examines the next slice of buckets for idle and slice-due flows. */
-QUELM_API uint32_t quelm_hash_check_expired_flows(quelm_table *table, quelm_hash *hash, uint32_t now);
+QUELM_API uint32_t quelm_hash_check_expired_flows(quelm_table *table, quelm_hash *hash,
+                                                  uint32_t now);
 
 /* ---- Lists --------------------------------------------------------------------------------- */
 
@@ -399,8 +401,8 @@ QUELM_API void quelm_list_dump_flows(quelm_list *list, void *pelda);
 
 /* ---- Flow records -------------------------------------------------------------------------- */
 
-/* A flow keyed from a decoded packet, with `user_size` zero bytes of user area; NULL when memory runs
- * out. `pelda` may be NULL (detection is then done at once). */
+/* A flow keyed from a decoded packet, with `user_size` zero bytes of user area; NULL when memory
+ * runs out. `pelda` may be NULL (detection is then done at once). */
 QUELM_API quelm_flow *quelm_flow_new(quelm_packet_info *info, void *pelda, uint16_t user_size);
 /* Drops one reference; the record, its strings and its engine state go with the last one. */
 QUELM_API void quelm_flow_free(quelm_flow *flow);

@@ -28,8 +28,12 @@
 #pragma weak pelda_sha256
 
 namespace {
-auto module(void *pelda) { return static_cast<pelda_detection_module *>(pelda); }
-auto flow_object(void *dpi_flow) { return static_cast<pelda_flow *>(dpi_flow); }
+auto module(void *pelda) {
+    return static_cast<pelda_detection_module *>(pelda);
+}
+auto flow_object(void *dpi_flow) {
+    return static_cast<pelda_flow *>(dpi_flow);
+}
 }  // namespace
 
 extern "C" {
@@ -38,7 +42,9 @@ int quelm_is_pelda_available(void) {
     return pelda_get_api_version != nullptr && pelda_init_detection_module != nullptr;
 }
 
-int quelm_dpi_init(void) { return 0; }
+int quelm_dpi_init(void) {
+    return 0;
+}
 
 void *quelm_dpi_alloc(int guess_on_giveup) {
     if (quelm_dpi_init() < 0 || !quelm_is_pelda_available()) return nullptr;
@@ -57,13 +63,17 @@ void *quelm_dpi_alloc(int guess_on_giveup) {
     return handle;
 }
 
-void quelm_dpi_free(void *pelda) { pelda_exit_detection_module(module(pelda)); }
+void quelm_dpi_free(void *pelda) {
+    pelda_exit_detection_module(module(pelda));
+}
 
 uint32_t quelm_dpi_detection_get_sizeof_pelda_flow_struct(void) {
     return pelda_detection_get_sizeof_pelda_flow_struct();
 }
 
-void quelm_dpi_free_flow(void *dpi_flow) { pelda_free_flow(flow_object(dpi_flow)); }
+void quelm_dpi_free_flow(void *dpi_flow) {
+    pelda_free_flow(flow_object(dpi_flow));
+}
 
 pelda_protocol quelm_pelda_detection_process_packet(void *pelda, void *dpi_flow,
                                                     const uint8_t *packet, uint32_t len,
@@ -77,10 +87,10 @@ pelda_protocol quelm_dpi_giveup_and_guess(void *pelda, void *dpi_flow) {
     // A give-up that names only a master protocol takes the engine's own application id.
     if (r.app_protocol == 0 && r.master_protocol != 0 && dpi_flow != nullptr) {
         uint16_t app;
-        __builtin_memcpy(&app,
-                         static_cast<const uint8_t *>(dpi_flow) +
-                             quelm::pelda_flow_offset::giveup_app_protocol,
-                         sizeof app);
+        __builtin_memcpy(
+            &app,
+            static_cast<const uint8_t *>(dpi_flow) + quelm::pelda_flow_offset::giveup_app_protocol,
+            sizeof app);
         r.app_protocol = app;
     }
     return r;
@@ -110,7 +120,9 @@ uint32_t quelm_dpi_get_num_supported_protocols(void *pelda) {
     return pelda == nullptr ? 0 : pelda_get_num_protocols(module(pelda));
 }
 
-uint32_t quelm_dpi_get_num_supported_categories(void) { return QUELM_PELDA_NUM_CATEGORIES; }
+uint32_t quelm_dpi_get_num_supported_categories(void) {
+    return QUELM_PELDA_NUM_CATEGORIES;
+}
 
 int quelm_dpi_get_category_id_by_name(void *pelda, const char *name) {
     if (pelda == nullptr || name == nullptr) return -1;
@@ -141,6 +153,8 @@ uint16_t quelm_dpi_network_ptree_match(void *pelda, uint32_t addr) {
     return pelda_network_ptree_match(module(pelda), addr);
 }
 
-void quelm_dpi_sha256(const void *data, size_t len, uint8_t out[32]) { pelda_sha256(data, len, out); }
+void quelm_dpi_sha256(const void *data, size_t len, uint8_t out[32]) {
+    pelda_sha256(data, len, out);
+}
 
 }  // extern "C"

@@ -10,4 +10,6 @@ int quelm_export_process_queue(quelm_export *exporter, int force) {
     return 0;
 }
 
-void quelm_export_destroy(quelm_export *exporter) { exporter->initialized = 0; }
+void quelm_export_destroy(quelm_export *exporter) {
+    exporter->initialized = 0;
+}

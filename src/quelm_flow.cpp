@@ -41,7 +41,9 @@ uint8_t *copy_fingerprint(const uint8_t *fp) {
     return copy;
 }
 
-char *dup_or_null(const char *s) { return s != nullptr ? strdup(s) : nullptr; }
+char *dup_or_null(const char *s) {
+    return s != nullptr ? strdup(s) : nullptr;
+}
 
 // Frees the metadata blocks of a record, chosen by its master protocol.
 void free_metadata(quelm_flow *flow) {
@@ -62,7 +64,8 @@ void free_metadata(quelm_flow *flow) {
             free(md.dns.query);
             md.dns.query = nullptr;
             break;
-        default: break;
+        default:
+            break;
     }
 }
 
@@ -78,8 +81,11 @@ void duplicate_metadata(quelm_flow *slice) {
             md.tls.server_name = dup_or_null(md.tls.server_name);
             md.tls.certificate_fingerprint = copy_fingerprint(md.tls.certificate_fingerprint);
             break;
-        case kProtoDns: md.dns.query = dup_or_null(md.dns.query); break;
-        default: break;
+        case kProtoDns:
+            md.dns.query = dup_or_null(md.dns.query);
+            break;
+        default:
+            break;
     }
 }
 
@@ -214,8 +220,8 @@ char *quelm_flow_print(quelm_flow *flow, char *buf, uint32_t size, void *pelda) 
     if (v.direction[1].last.tv_sec != 0 && v.direction[1].last.tv_sec > last)
         last = v.direction[1].last.tv_sec;
     const uint32_t duration = uint32_t(last - quelm::flow_first_seen(flow));
-    const char *l7 = quelm_dpi_get_protocol_name_by_id(pelda, &v.l7_protocol, proto_buf,
-                                                       sizeof proto_buf);
+    const char *l7 =
+        quelm_dpi_get_protocol_name_by_id(pelda, &v.l7_protocol, proto_buf, sizeof proto_buf);
     snprintf(buf, size,
              "[%s] %s:%u <-> %s:%u [%llu/%llu bytes][%llu/%llu pkts][vlan %u][TCP flags: %u/%u]"
              "[duration: %u sec][%s]",
@@ -227,12 +233,24 @@ char *quelm_flow_print(quelm_flow *flow, char *buf, uint32_t size, void *pelda) 
     return buf;
 }
 
-uint64_t quelm_flow_get_id(quelm_flow *flow) { return flow->id; }
-quelm_flow_key *quelm_flow_get_key(quelm_flow *flow) { return &flow->key; }
-quelm_flow_value *quelm_flow_get_value(quelm_flow *flow) { return &flow->value; }
-void *quelm_flow_get_pelda_handle(quelm_flow *flow) { return flow->dpi_flow; }
-void quelm_flow_set_action(quelm_flow *flow, quelm_action action) { flow->action = action; }
-quelm_action quelm_flow_get_action(quelm_flow *flow) { return flow->action; }
+uint64_t quelm_flow_get_id(quelm_flow *flow) {
+    return flow->id;
+}
+quelm_flow_key *quelm_flow_get_key(quelm_flow *flow) {
+    return &flow->key;
+}
+quelm_flow_value *quelm_flow_get_value(quelm_flow *flow) {
+    return &flow->value;
+}
+void *quelm_flow_get_pelda_handle(quelm_flow *flow) {
+    return flow->dpi_flow;
+}
+void quelm_flow_set_action(quelm_flow *flow, quelm_action action) {
+    flow->action = action;
+}
+quelm_action quelm_flow_get_action(quelm_flow *flow) {
+    return flow->action;
+}
 
 uint32_t quelm_flow_get_users(quelm_flow *flow) {
     return quelm_flow_is_slice(flow) ? flow->parent->users : flow->users;
@@ -261,9 +279,9 @@ void quelm_flow_dpi_init(quelm_flow *flow, void *pelda) {
         return;
     }
     const bool v4 = k.ip_version == 4;
-    const pelda_protocol r = quelm_dpi_guess_undetected_protocol(
-        pelda, nullptr, k.protocol, v4 ? key_ipv4(k.saddr) : 0, k.sport,
-        v4 ? key_ipv4(k.daddr) : 0, k.dport);
+    const pelda_protocol r =
+        quelm_dpi_guess_undetected_protocol(pelda, nullptr, k.protocol, v4 ? key_ipv4(k.saddr) : 0,
+                                            k.sport, v4 ? key_ipv4(k.daddr) : 0, k.dport);
     flow->dpi_flow = nullptr;
     flow->dpi_done = 1;
     store_pair(flow, r);
@@ -350,7 +368,8 @@ void quelm_flow_dpi_copy_metadata(quelm_flow *flow, uint16_t protocol_id) {
             md.dns.query_type = read_field<uint16_t>(obj, off::dns_query_type);
             md.dns.reply_code = read_field<uint8_t>(obj, off::dns_reply_code);
             break;
-        default: break;
+        default:
+            break;
     }
 }
 

@@ -7,23 +7,25 @@
 struct quelm_flow {
     quelm_flow *next;  // bucket chain link
     quelm_flow_key key;
-    uint32_t hash_idx;  // bucket of its flow hash
-    uint32_t users;     // references; the record goes with the last one
-    quelm_flow *parent; // a slice's live flow (holds one reference on it); null otherwise
+    uint32_t hash_idx;   // bucket of its flow hash
+    uint32_t users;      // references; the record goes with the last one
+    quelm_flow *parent;  // a slice's live flow (holds one reference on it); null otherwise
     uint64_t id;
-    quelm_fragment_entry *fragment; // entry mapping this flow's fragments, or null
-    void *dpi_flow;                 // engine per-flow state, or null
-    uint32_t dpi_done;              // detection has ended (set at once without an engine)
+    quelm_fragment_entry *fragment;  // entry mapping this flow's fragments, or null
+    void *dpi_flow;                  // engine per-flow state, or null
+    uint32_t dpi_done;               // detection has ended (set at once without an engine)
     quelm_action action;
-    quelm_list_node lru; // recency list of its hash, or an export list
-    uint32_t last_slice; // packet second of the latest slice, 0 before the first
+    quelm_list_node lru;  // recency list of its hash, or an export list
+    uint32_t last_slice;  // packet second of the latest slice, 0 before the first
     quelm_flow_value value;
     // The user area (the table's user_size bytes) follows the record in the same allocation.
 };
 
 // A record is a slice exactly when it holds a parent: a live flow that has been sliced shows the
 // slice status too, but has no parent and owns its engine state.
-inline bool quelm_flow_is_slice(const quelm_flow *flow) { return flow->parent != nullptr; }
+inline bool quelm_flow_is_slice(const quelm_flow *flow) {
+    return flow->parent != nullptr;
+}
 
 // Time arithmetic on packet seconds. Ages are unsigned 32-bit differences compared strictly.
 namespace quelm {

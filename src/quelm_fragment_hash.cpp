@@ -3,8 +3,8 @@
 // allocated after creation.
 //
 // Invariant kept here and by the flow release: an entry that refers to a flow is the one named by
-// that flow's `fragment` back-pointer. So releasing a flow (which unlinks its entry) leaves no entry
-// pointing at freed memory, even after an entry has been moved to an earlier slot.
+// that flow's `fragment` back-pointer. So releasing a flow (which unlinks its entry) leaves no
+// entry pointing at freed memory, even after an entry has been moved to an earlier slot.
 #include "quelm_fragment_hash.h"
 
 #include <stdlib.h>
@@ -13,7 +13,9 @@
 
 namespace {
 
-bool is_valid(const quelm_fragment_entry &e, uint32_t now) { return e.in_use != 0 && now < e.expire; }
+bool is_valid(const quelm_fragment_entry &e, uint32_t now) {
+    return e.in_use != 0 && now < e.expire;
+}
 
 bool matches(const quelm_fragment_entry &e, uint32_t key_hash, uint16_t ip_id) {
     return e.key_hash == key_hash && e.ip_id == ip_id;

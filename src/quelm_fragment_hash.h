@@ -5,18 +5,18 @@
 #include "quelm.h"
 
 struct quelm_fragment_entry {
-    uint32_t key_hash; // hash of the datagram's addresses, protocol and identification
-    uint16_t ip_id;    // IPv4 identification
-    uint32_t in_use;   // 0: empty slot, which ends every probe
-    uint32_t expire;   // valid while the packet second is below this
+    uint32_t key_hash;  // hash of the datagram's addresses, protocol and identification
+    uint16_t ip_id;     // IPv4 identification
+    uint32_t in_use;    // 0: empty slot, which ends every probe
+    uint32_t expire;    // valid while the packet second is below this
     uint64_t flow_id;
     uint32_t bytes;
     uint32_t pkts;
-    quelm_flow *flow; // borrowed; null while unknown
+    quelm_flow *flow;  // borrowed; null while unknown
 };
 
 struct quelm_fragment_hash {
-    uint32_t num_slots; // power of two, or 0
+    uint32_t num_slots;  // power of two, or 0
     uint32_t mask;
     quelm_fragment_entry *entries;
 };

@@ -1,7 +1,7 @@
 // Flow hash table. One key serves both directions: the hash is symmetric in source and destination,
 // and a lookup tries the forward match, then the reverse one. Lookups retire the stale flows they
-// walk past, housekeeping scans a bounded slice of buckets per pass, and the harvest takes flows from
-// the old end of the recency list; all three share the idle and slice tests of quelm_flow.h.
+// walk past, housekeeping scans a bounded slice of buckets per pass, and the harvest takes flows
+// from the old end of the recency list; all three share the idle and slice tests of quelm_flow.h.
 #include "quelm_hash.h"
 
 #include <stdlib.h>
@@ -113,7 +113,8 @@ void quelm_hash_compute_hash_index(quelm_hash *hash, quelm_packet_info *info) {
     const uint32_t vlan = hash->ignore_vlan ? 0 : info->vlan_id;
     uint32_t mac = 0;
     if (hash->mac_in_key && info->eth != nullptr)
-        for (int i = 0; i < 6; i++) mac |= uint32_t(info->eth[i] ^ info->eth[6 + i]);
+        for (int i = 0; i < 6; i++)
+            mac |= uint32_t(info->eth[i] ^ info->eth[6 + i]);
     const uint32_t h = 3 * (uint32_t{info->sport} + info->dport) + vlan + info->l4_protocol +
                        info->hash_seed + mac;
     info->hash = h;

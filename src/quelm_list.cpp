@@ -80,10 +80,13 @@ quelm_flow *quelm_list_pop_head(quelm_list *list) {
     return node->owner;
 }
 
-quelm_flow *quelm_list_get_next(quelm_list *list) { return quelm_list_pop_head(list); }
+quelm_flow *quelm_list_get_next(quelm_list *list) {
+    return quelm_list_pop_head(list);
+}
 
 void quelm_list_cleanup(quelm_list *list) {
-    while (quelm_flow *flow = quelm_list_pop_head(list)) quelm_flow_free(flow);
+    while (quelm_flow *flow = quelm_list_pop_head(list))
+        quelm_flow_free(flow);
     *list = quelm_list{};
 }
 

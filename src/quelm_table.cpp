@@ -37,7 +37,9 @@ constexpr uint8_t kProtoIcmp = 1, kProtoTcp = 6, kProtoUdp = 17, kProtoIcmpv6 = 
                   kIpv6DestOptions = 60;
 constexpr uint16_t kPortGtpU = 2152, kPortL2tp = 1701, kPortCapwapData = 5247, kPortVxlan = 4789;
 
-uint16_t rd16(const uint8_t *p) { return uint16_t(p[0] << 8 | p[1]); }
+uint16_t rd16(const uint8_t *p) {
+    return uint16_t(p[0] << 8 | p[1]);
+}
 uint32_t rd32(const uint8_t *p) {
     return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3];
 }
@@ -46,7 +48,8 @@ quelm_hash *hash_of(quelm_table *t, const quelm_packet_info &info) {
     return info.is_ipv4 ? t->hash_v4 : t->hash_v6;
 }
 
-// ---- Decoding ------------------------------------------------------------------------------------
+// ---- Decoding
+// ------------------------------------------------------------------------------------
 //
 // Every header is checked against `caplen` before it is read. A packet is keyed (1) or not decoded
 // (0); first fragments are keyed, later fragments are credited through the fragment table and end
@@ -450,7 +453,9 @@ extern "C" {
 
 // ---- Lifecycle and settings ------------------------------------------------------------------
 
-void quelm_debug(void) { quelm_debug_enabled = 1; }
+void quelm_debug(void) {
+    quelm_debug_enabled = 1;
+}
 
 quelm_table *quelm_create_table(uint32_t flags, uint32_t max_flows, uint32_t flow_idle_timeout,
                                 uint32_t flow_lifetime_timeout, uint16_t user_size) {
@@ -520,20 +525,17 @@ void quelm_set_new_flow_callback(quelm_table *table, quelm_new_flow_callback cb,
     table->new_flow_user = user;
 }
 
-void quelm_set_flow_packet_callback(quelm_table *table, quelm_flow_packet_callback cb,
-                                    void *user) {
+void quelm_set_flow_packet_callback(quelm_table *table, quelm_flow_packet_callback cb, void *user) {
     table->flow_packet_callback = cb;
     table->flow_packet_user = user;
 }
 
-void quelm_set_l7_detected_callback(quelm_table *table, quelm_l7_detected_callback cb,
-                                    void *user) {
+void quelm_set_l7_detected_callback(quelm_table *table, quelm_l7_detected_callback cb, void *user) {
     table->l7_detected_callback = cb;
     table->l7_detected_user = user;
 }
 
-void quelm_set_flow_export_callback(quelm_table *table, quelm_flow_export_callback cb,
-                                    void *user) {
+void quelm_set_flow_export_callback(quelm_table *table, quelm_flow_export_callback cb, void *user) {
     table->flow_export_callback = cb;
     table->flow_export_user = user;
 }
@@ -562,7 +564,9 @@ quelm_stats *quelm_get_stats(quelm_table *table) {
     return &table->stats;
 }
 
-void *quelm_get_pelda_handle(quelm_table *table) { return table->pelda; }
+void *quelm_get_pelda_handle(quelm_table *table) {
+    return table->pelda;
+}
 
 int quelm_set_pelda_handle(quelm_table *table, void *pelda) {
     if (table->pelda != nullptr && table->owns_pelda) {
@@ -588,9 +592,11 @@ int __quelm_table_pelda_update(quelm_table *table) {
     const uint32_t p = __compute_protocol_filter_size(table);
     const uint32_t m = quelm_dpi_get_num_supported_categories();
     uint8_t *fresh[4] = {static_cast<uint8_t *>(calloc(p, 1)), static_cast<uint8_t *>(calloc(p, 1)),
-                         static_cast<uint8_t *>(calloc(m, 1)), static_cast<uint8_t *>(calloc(m, 1))};
+                         static_cast<uint8_t *>(calloc(m, 1)),
+                         static_cast<uint8_t *>(calloc(m, 1))};
     if (!fresh[0] || !fresh[1] || !fresh[2] || !fresh[3]) {
-        for (uint8_t *f : fresh) free(f);
+        for (uint8_t *f : fresh)
+            free(f);
         return -1;
     }
     quelm_rules &r = table->rules;
@@ -705,8 +711,7 @@ int quelm_housekeeping(quelm_table *table, uint32_t now) {
                          quelm_hash_check_expired_flows(table, table->hash_v6, now);
         ended += quelm_hash_harvest_expired_flows(table, table->hash_v4, now) +
                  quelm_hash_harvest_expired_flows(table, table->hash_v6, now);
-        if (ended == 0 && table->hash_v4->expired.count == 0 &&
-            table->hash_v6->expired.count == 0)
+        if (ended == 0 && table->hash_v4->expired.count == 0 && table->hash_v6->expired.count == 0)
             table->housekeeping_sec = now;
         else
             quelm_export_flows(table);

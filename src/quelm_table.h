@@ -12,11 +12,11 @@ struct quelm_export {
 
 struct quelm_table {
     quelm_hash *hash_v4;
-    quelm_hash *hash_v6; // built with half the size of hash_v4
-    quelm_fragment_hash *fragments; // built with an eighth of the size
+    quelm_hash *hash_v6;             // built with half the size of hash_v4
+    quelm_fragment_hash *fragments;  // built with an eighth of the size
     uint32_t flags;
     quelm_stats stats;
-    void *pelda; // detection handle, or null when detection is off
+    void *pelda;  // detection handle, or null when detection is off
     uint16_t dpi_min_num_tcp_packets;
     uint16_t dpi_min_num_udp_packets;
     uint8_t dpi_extra_dissection;
@@ -34,15 +34,15 @@ struct quelm_table {
     void *flow_list_export_user;
     void *flow_packet_user;
     void *l7_detected_user;
-    uint32_t housekeeping_countdown; // packets left before housekeeping is forced
-    uint32_t housekeeping_sec;       // second of the latest pass that found nothing to do
+    uint32_t housekeeping_countdown;  // packets left before housekeeping is forced
+    uint32_t housekeeping_sec;        // second of the latest pass that found nothing to do
     uint32_t flow_idle_timeout;
     uint32_t flow_lifetime_timeout;
     uint32_t flow_slicing;
     uint16_t user_size;
     uint8_t owns_pelda;
     uint8_t protocol_shift;
-    quelm_packet_info packet; // the packet being processed
+    quelm_packet_info packet;  // the packet being processed
     quelm_export exporter;
 };
 

@@ -24,9 +24,13 @@ uint32_t utils_read_version(char *buf) {
     return kVersionMajor << 16 | kVersionMinor << 8 | kVersionPatch;
 }
 
-uint32_t quelm_version(char *buf) { return utils_read_version(buf); }
+uint32_t quelm_version(char *buf) {
+    return utils_read_version(buf);
+}
 
-uint32_t quelm_api_version(void) { return QUELM_API_VERSION; }
+uint32_t quelm_api_version(void) {
+    return QUELM_API_VERSION;
+}
 
 uint64_t utils_tv_to_msec(const quelm_timeval *tv) {
     return uint64_t(tv->tv_sec) * 1000 + uint64_t(tv->tv_usec) / 1000;
@@ -77,17 +81,28 @@ char *utils_intoav6(const uint8_t addr[16], char *buf, uint16_t bufsize) {
 
 const char *utils_prototoa(uint32_t proto) {
     switch (proto) {
-        case 0: return "IP";
-        case 1: return "ICMP";
-        case 2: return "IGMP";
-        case 6: return "TCP";
-        case 17: return "UDP";
-        case 47: return "GRE";
-        case 50: return "ESP";
-        case 58: return "IPv6-ICMP";
-        case 89: return "OSPF";
-        case 103: return "PIM";
-        case 112: return "VRRP";
+        case 0:
+            return "IP";
+        case 1:
+            return "ICMP";
+        case 2:
+            return "IGMP";
+        case 6:
+            return "TCP";
+        case 17:
+            return "UDP";
+        case 47:
+            return "GRE";
+        case 50:
+            return "ESP";
+        case 58:
+            return "IPv6-ICMP";
+        case 89:
+            return "OSPF";
+        case 103:
+            return "PIM";
+        case 112:
+            return "VRRP";
         default:
 // Numbers of 8 digits and more are cut to 7: the buffer is kept at 8 bytes on purpose.
 #pragma GCC diagnostic push

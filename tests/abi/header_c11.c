@@ -27,7 +27,8 @@ int main(void) {
     if (quelm_api_version() != QUELM_API_VERSION) return 2;
     if (strcmp(utils_intoav4(0x7F000001u, addr, sizeof addr), "127.0.0.1") != 0) return 3;
     if (quelm_list_get_next(&list) != NULL) return 4;
-    if (header.ts.tv_usec != 2 || verdict != 2 || value.status != QUELM_FLOW_STATUS_ACTIVE) return 5;
+    if (header.ts.tv_usec != 2 || verdict != 2 || value.status != QUELM_FLOW_STATUS_ACTIVE)
+        return 5;
     if (sizeof(quelm_timeval) != 16 || sizeof(quelm_action) != 1) return 6;
     printf("header ok: %s\n", version);
     return 0;

@@ -26,7 +26,7 @@ struct Ipv4Options {
 };
 
 class Frame {
-public:
+  public:
     Frame &eth(const Mac &src = kClientMac, const Mac &dst = kServerMac) {
         put(dst.begin(), dst.end());
         put(src.begin(), src.end());
@@ -70,7 +70,8 @@ public:
         put16(0);
         put_addr(AF_INET, src, 4);
         put_addr(AF_INET, dst, 4);
-        for (int i = 5; i < o.ihl; i++) put32(0x01010101);  // NOP options
+        for (int i = 5; i < o.ihl; i++)
+            put32(0x01010101);  // NOP options
         return *this;
     }
     Frame &ipv6(const char *src, const char *dst, bool dest_options = false) {
@@ -100,7 +101,8 @@ public:
         put(flags);
         put16(65535);
         put32(0);
-        for (int i = 5; i < data_offset && i < 15; i++) put32(0x01010101);
+        for (int i = 5; i < data_offset && i < 15; i++)
+            put32(0x01010101);
         return *this;
     }
     Frame &udp(uint16_t sport, uint16_t dport) {
@@ -136,16 +138,18 @@ public:
         for (const IpLayer &ip : ip_) {
             const size_t rest = out.size() - ip.at;
             if (ip.version == 4)
-                set16(out, ip.at + 2, ip.total_length >= 0 ? uint16_t(ip.total_length) : uint16_t(rest));
+                set16(out, ip.at + 2,
+                      ip.total_length >= 0 ? uint16_t(ip.total_length) : uint16_t(rest));
             else
                 set16(out, ip.at + 4, uint16_t(rest - 40));
         }
-        for (size_t at : udp_) set16(out, at + 4, uint16_t(out.size() - at));
+        for (size_t at : udp_)
+            set16(out, at + 4, uint16_t(out.size() - at));
         return out;
     }
     size_t size() const { return b_.size(); }
 
-private:
+  private:
     struct IpLayer {
         size_t at;
         int version;

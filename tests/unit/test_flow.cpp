@@ -47,7 +47,8 @@ TEST(Flow, NewFlowTakesKeyFromFirstPacket) {
     memcpy(&daddr, k->daddr, 4);
     EXPECT_EQ(saddr, 0x0A000001u);
     EXPECT_EQ(daddr, 0x0A000002u);
-    for (int i = 4; i < 16; i++) EXPECT_EQ(k->saddr[i] | k->daddr[i], 0);
+    for (int i = 4; i < 16; i++)
+        EXPECT_EQ(k->saddr[i] | k->daddr[i], 0);
     EXPECT_EQ(k->ip_version, 4);
     EXPECT_EQ(k->protocol, 6);
     EXPECT_EQ(k->sport, 1234);
@@ -117,7 +118,8 @@ TEST(Flow, UserAreaIsZeroedAndSharedBySlices) {
     quelm_flow *f = quelm_flow_new(&p->info, nullptr, 16);
     auto *user = static_cast<uint8_t *>(quelm_flow_get_value(f)->user);
     ASSERT_EQ(static_cast<void *>(user), static_cast<void *>(f + 1)) << "behind the record";
-    for (int i = 0; i < 16; i++) EXPECT_EQ(user[i], 0);
+    for (int i = 0; i < 16; i++)
+        EXPECT_EQ(user[i], 0);
     user[15] = 0xAB;
     quelm_flow *s = quelm_flow_slice(f);
     EXPECT_EQ(quelm_flow_get_value(s)->user, user);
@@ -201,7 +203,8 @@ TEST(Flow, SliceCopiesTlsFingerprintAndDnsQuery) {
     dns->value.l7_metadata.dns.query = strdup("demo.test");
     quelm_flow *dns_slice = quelm_flow_slice(dns);
     EXPECT_STREQ(quelm_flow_get_value(dns_slice)->l7_metadata.dns.query, "demo.test");
-    for (quelm_flow *f : {tls, tls_slice, dns_slice, dns}) quelm_flow_free(f);
+    for (quelm_flow *f : {tls, tls_slice, dns_slice, dns})
+        quelm_flow_free(f);
 }
 
 TEST(Flow, ResetCountersKeepsFlagsAndUnseenDirection) {

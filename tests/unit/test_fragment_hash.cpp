@@ -8,7 +8,9 @@
 
 namespace {
 
-quelm_packet_header at(int64_t sec) { return quelm_packet_header{{sec, 0}, 60, 60}; }
+quelm_packet_header at(int64_t sec) {
+    return quelm_packet_header{{sec, 0}, 60, 60};
+}
 
 struct FragmentTable {
     explicit FragmentTable(uint32_t size) : t(quelm_fragment_hash_alloc(size)) {}
@@ -75,7 +77,8 @@ TEST(FragmentHash, ProbeChainWrapsAroundTheEnd) {
 
 TEST(FragmentHash, FullTableReturnsNullAndChangesNothing) {
     FragmentTable ft(4);
-    for (uint16_t id = 0; id < 4; id++) ASSERT_NE(ft.find(id, id, 100), nullptr);
+    for (uint16_t id = 0; id < 4; id++)
+        ASSERT_NE(ft.find(id, id, 100), nullptr);
     quelm_fragment_entry before[4];
     memcpy(before, ft.t->entries, sizeof before);
     EXPECT_EQ(ft.find(9, 9, 101), nullptr);
@@ -88,8 +91,8 @@ TEST(FragmentHash, ValidEntryMovesToStaleHomeSlotWithItsFlow) {
     auto p = udp_packet();
     quelm_flow *flow = quelm_flow_new(&p->info, nullptr, 0);
     flow->id = 33;
-    quelm_fragment_entry *old = ft.find(4, 1, 100);  // slot 4, expires at 102
-    quelm_fragment_entry *mine = ft.find(4, 2, 101); // slot 5, expires at 103
+    quelm_fragment_entry *old = ft.find(4, 1, 100);   // slot 4, expires at 102
+    quelm_fragment_entry *mine = ft.find(4, 2, 101);  // slot 5, expires at 103
     quelm_fragment_entry_bind_flow(mine, flow);
     mine->pkts = 2;
     mine->bytes = 3000;
@@ -106,7 +109,8 @@ TEST(FragmentHash, ValidEntryMovesToStaleHomeSlotWithItsFlow) {
 
     quelm_flow_free(flow);
     EXPECT_EQ(moved->flow, nullptr);
-    for (uint32_t i = 0; i < ft.t->num_slots; i++) EXPECT_EQ(ft.t->entries[i].flow, nullptr);
+    for (uint32_t i = 0; i < ft.t->num_slots; i++)
+        EXPECT_EQ(ft.t->entries[i].flow, nullptr);
     quelm_fragment_entry *next = ft.find(4, 2, 102);
     EXPECT_EQ(next->flow, nullptr) << "a released flow is never handed out again";
 }
@@ -137,10 +141,12 @@ TEST(FragmentHash, TrailingStaleRunIsEmptied) {
 
 TEST(FragmentHash, RemoveRangeWrapsAndStopsAfterOneRound) {
     FragmentTable ft(8);
-    for (uint16_t i = 0; i < 8; i++) ft.find(i, i, 100);
+    for (uint16_t i = 0; i < 8; i++)
+        ft.find(i, i, 100);
     quelm_fragment_hash_remove_range(ft.t, 6, 1);
     const uint32_t want[8] = {0, 0, 1, 1, 1, 1, 0, 0};
-    for (uint32_t i = 0; i < 8; i++) EXPECT_EQ(ft.t->entries[i].in_use, want[i]) << i;
+    for (uint32_t i = 0; i < 8; i++)
+        EXPECT_EQ(ft.t->entries[i].in_use, want[i]) << i;
     quelm_fragment_hash_remove_range(ft.t, 3, 3);
     EXPECT_EQ(ft.t->entries[3].in_use, 0u);
     EXPECT_EQ(ft.t->entries[4].in_use, 1u);

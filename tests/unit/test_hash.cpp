@@ -12,7 +12,8 @@ using quelm_test::make_packet;
 using quelm_test::PacketSpec;
 using quelm_test::reversed;
 
-PacketSpec tcp(const char *src, uint16_t sport, const char *dst, uint16_t dport, int64_t sec = 100) {
+PacketSpec tcp(const char *src, uint16_t sport, const char *dst, uint16_t dport,
+               int64_t sec = 100) {
     PacketSpec s;
     s.src = {src, sport};
     s.dst = {dst, dport};
@@ -22,7 +23,7 @@ PacketSpec tcp(const char *src, uint16_t sport, const char *dst, uint16_t dport,
 }
 
 class HashTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override { build(1000); }
     void TearDown() override {
         quelm_test::drain(&hash->expired);
@@ -205,14 +206,16 @@ TEST_F(HashTest, HarvestStopsAtOldestLiveFlow) {
     EXPECT_EQ(hash->num_flows, 2u);
     // The bucket scan retires it instead: 100 passes of a hundredth sweep the whole array.
     uint32_t retired = 0;
-    for (int pass = 0; pass < 103; pass++) retired += quelm_hash_check_expired_flows(table, hash, 150);
+    for (int pass = 0; pass < 103; pass++)
+        retired += quelm_hash_check_expired_flows(table, hash, 150);
     EXPECT_EQ(retired, 1u);
     EXPECT_EQ(hash->num_flows, 1u);
 }
 
 TEST_F(HashTest, ScanCursorAdvancesByStepAndWraps) {
     EXPECT_EQ(hash->scan_step, 10u);
-    for (int pass = 0; pass < 102; pass++) quelm_hash_check_expired_flows(table, hash, 100);
+    for (int pass = 0; pass < 102; pass++)
+        quelm_hash_check_expired_flows(table, hash, 100);
     EXPECT_EQ(hash->scan_cursor, (102u * 10) % 1024);
     build(64);
     EXPECT_EQ(quelm_hash_check_expired_flows(table, hash, 100), 0u);
@@ -309,7 +312,8 @@ TEST_F(HashTest, RemoveOnlyFromTheGivenChain) {
 }
 
 TEST_F(HashTest, WalkVisitsEveryFlowAndMayRemoveIt) {
-    for (uint16_t p = 1; p <= 20; p++) add(tcp("10.0.0.1", p, "10.0.0.2", 80));
+    for (uint16_t p = 1; p <= 20; p++)
+        add(tcp("10.0.0.1", p, "10.0.0.2", 80));
     struct Ctx {
         quelm_hash *hash;
         int seen;
@@ -330,7 +334,8 @@ TEST_F(HashTest, WalkVisitsEveryFlowAndMayRemoveIt) {
     int stopped = 0;
     add(tcp("10.0.0.1", 1, "10.0.0.2", 80));
     add(tcp("10.0.0.1", 2, "10.0.0.2", 80));
-    quelm_hash_walk(hash, [](quelm_flow *, void *u) { return ++*static_cast<int *>(u); }, &stopped);
+    quelm_hash_walk(
+        hash, [](quelm_flow *, void *u) { return ++*static_cast<int *>(u); }, &stopped);
     EXPECT_EQ(stopped, 1) << "a non-zero result ends the walk";
 }
 

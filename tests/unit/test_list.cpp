@@ -39,11 +39,12 @@ void expect_list(const quelm_list &list, const std::deque<quelm_flow *> &want) {
 }
 
 class ListTest : public ::testing::Test {
-protected:
+  protected:
     void TearDown() override {
         quelm_list_cleanup(&list);
         EXPECT_EQ(list.count, 0u);
-        for (quelm_flow *f : loose) quelm_flow_free(f);
+        for (quelm_flow *f : loose)
+            quelm_flow_free(f);
     }
     quelm_flow *flow() {
         quelm_flow *f = bare_flow();
@@ -77,7 +78,8 @@ TEST_F(ListTest, RemovingOnlyNodeClearsEverything) {
 
 TEST_F(ListTest, MovesToHeadAndTail) {
     quelm_flow *a = owned(flow()), *b = owned(flow()), *c = owned(flow());
-    for (quelm_flow *f : {a, b, c}) quelm_list_append(&list, &f->lru);
+    for (quelm_flow *f : {a, b, c})
+        quelm_list_append(&list, &f->lru);
     quelm_list_move_to_head(&list, &a->lru);  // already head: nothing changes
     expect_list(list, {a, b, c});
     quelm_list_move_to_head(&list, &c->lru);
@@ -106,7 +108,8 @@ TEST_F(ListTest, MergeKeepsOrderAndEmptiesSource) {
 
 TEST_F(ListTest, GetNextReturnsHeadToTailThenNull) {
     quelm_flow *fs[3] = {flow(), flow(), flow()};
-    for (quelm_flow *f : fs) quelm_list_append(&list, &f->lru);
+    for (quelm_flow *f : fs)
+        quelm_list_append(&list, &f->lru);
     for (uint32_t i = 0; i < 3; i++) {
         EXPECT_EQ(quelm_list_get_next(&list), fs[i]);
         EXPECT_EQ(list.count, 2 - i);
@@ -136,7 +139,8 @@ TEST_F(ListTest, DumpPrintsEachFlowThenSummaryWithoutLineEnd) {
 TEST_F(ListTest, RandomOperationsKeepInvariants) {
     std::mt19937 rng(7);
     std::vector<quelm_flow *> pool;
-    for (int i = 0; i < 16; i++) pool.push_back(owned(flow()));
+    for (int i = 0; i < 16; i++)
+        pool.push_back(owned(flow()));
     std::deque<quelm_flow *> model;
     std::vector<quelm_flow *> outside = pool;
     quelm_list other{};
@@ -192,7 +196,8 @@ TEST_F(ListTest, RandomOperationsKeepInvariants) {
         expect_list(other, {});
         if (HasFailure()) FAIL() << "at step " << step;
     }
-    for (quelm_flow *f : outside) quelm_flow_free(f);
+    for (quelm_flow *f : outside)
+        quelm_flow_free(f);
 }
 
 }  // namespace

@@ -25,11 +25,12 @@ std::vector<uint8_t> tcp6(const char *src, uint16_t sport, const char *dst, uint
 
 // A table and a log of everything its callbacks saw.
 class TableTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override { make(0, 1024, 30, 120); }
     void TearDown() override {
         quelm_destroy_table(t);
-        for (quelm_flow *f : exported) quelm_flow_free(f);
+        for (quelm_flow *f : exported)
+            quelm_flow_free(f);
     }
     void make(uint32_t flags, uint32_t max_flows, uint32_t idle, uint32_t lifetime,
               uint16_t user_size = 0) {
@@ -62,7 +63,8 @@ protected:
     }
     std::vector<uint32_t> exported_statuses() const {
         std::vector<uint32_t> out;
-        for (quelm_flow *f : exported) out.push_back(quelm_flow_get_value(f)->status);
+        for (quelm_flow *f : exported)
+            out.push_back(quelm_flow_get_value(f)->status);
         return out;
     }
 
@@ -89,7 +91,8 @@ TEST(TableLifecycle, SizesAndDefaults) {
         EXPECT_EQ(quelm_get_pelda_handle(t), nullptr);
         quelm_destroy_table(t);
     }
-    quelm_table *t = quelm_create_table(QUELM_FLAG_IGNORE_VLAN | QUELM_FLAG_MAC_IN_KEY, 64, 5, 9, 0);
+    quelm_table *t =
+        quelm_create_table(QUELM_FLAG_IGNORE_VLAN | QUELM_FLAG_MAC_IN_KEY, 64, 5, 9, 0);
     EXPECT_EQ(t->hash_v6->ignore_vlan, 1u);
     EXPECT_EQ(t->hash_v4->mac_in_key, 1u);
     EXPECT_EQ(t->flow_lifetime_timeout, 9u);
@@ -127,7 +130,8 @@ TEST_F(TableTest, CountersPerDirection) {
     const auto rev = tcp("10.0.0.2", 80, "10.0.0.1", 1000, 0x12);
     send(fwd, 100, 10, {0, 7, 3});
     send(rev, 101, 20, {0, 0, 4});
-    send(Frame().eth().ipv4("10.0.0.1", "10.0.0.2").tcp(1000, 80, 0x10).payload(6).build(), 102, 30);
+    send(Frame().eth().ipv4("10.0.0.1", "10.0.0.2").tcp(1000, 80, 0x10).payload(6).build(), 102,
+         30);
     ASSERT_EQ(events.size(), 5u);
     quelm_stats *s = quelm_get_stats(t);
     EXPECT_EQ(s->active_flows, 1u);
@@ -213,7 +217,7 @@ TEST_F(TableTest, ShuntLimitsDiscardBeyondTheirCount) {
         bool is_tcp;
         int first_discarded;  // 0: never
     } cases[] = {{10, 0, 0, true, 11}, {10, 0, 0, false, 0}, {0, 3, 0, false, 4},
-                 {0, 0, 2, true, 3},   {5, 0, 2, true, 6},  {0, 0, 0, true, 0}};
+                 {0, 0, 2, true, 3},   {5, 0, 2, true, 6},   {0, 0, 0, true, 0}};
     for (const Case &c : cases) {
         make(0, 1024, 30, 120);
         t->rules.shunt_tcp = c.tcp;
@@ -239,7 +243,8 @@ TEST_F(TableTest, LifetimeEndsFlowAndNextPacketOpensANewOne) {
     send(rev, 221);
     EXPECT_EQ(quelm_get_stats(t)->total_flows, 2u);
     ASSERT_EQ(exported.size(), 1u) << "delivered by the housekeeping of the same packet";
-    EXPECT_EQ(quelm_flow_get_value(exported[0])->status, uint32_t{QUELM_FLOW_STATUS_LIFETIME_TIMEOUT});
+    EXPECT_EQ(quelm_flow_get_value(exported[0])->status,
+              uint32_t{QUELM_FLOW_STATUS_LIFETIME_TIMEOUT});
     EXPECT_EQ(quelm_flow_get_id(exported[0]), 0u);
     quelm_flush(t);
     ASSERT_EQ(exported.size(), 2u);
@@ -262,7 +267,8 @@ TEST_F(TableTest, IdleFlowsLeaveOneSecondAfterTheirTimeout) {
 TEST_F(TableTest, SlicesCarryThePacketsOfTheirPeriod) {
     quelm_flow_set_flow_slicing(t, 10);
     const auto p = tcp("10.0.0.1", 1, "10.0.0.2", 2);
-    for (int sec = 1000; sec <= 1040; sec++) send(p, sec);
+    for (int sec = 1000; sec <= 1040; sec++)
+        send(p, sec);
     quelm_flush(t);
     ASSERT_GE(exported.size(), 4u);
     uint64_t total = 0;
@@ -304,7 +310,8 @@ TEST_F(TableTest, ListCallbackTakesPrecedenceAndReceivesTheWholeBatch) {
             }
         },
         nullptr);
-    for (uint16_t port = 1; port <= 3; port++) send(tcp("10.0.0.1", port, "10.0.0.2", 80), 100);
+    for (uint16_t port = 1; port <= 3; port++)
+        send(tcp("10.0.0.1", port, "10.0.0.2", 80), 100);
     quelm_flush(t);
     EXPECT_TRUE(exported.empty());
     EXPECT_EQ(ids.size(), 3u);
@@ -314,7 +321,8 @@ TEST_F(TableTest, ListCallbackTakesPrecedenceAndReceivesTheWholeBatch) {
 
 TEST_F(TableTest, WithoutExportCallbacksEndedFlowsAreReleased) {
     quelm_set_flow_export_callback(t, nullptr, nullptr);
-    for (uint16_t port = 1; port <= 3; port++) send(tcp("10.0.0.1", port, "10.0.0.2", 80), 100);
+    for (uint16_t port = 1; port <= 3; port++)
+        send(tcp("10.0.0.1", port, "10.0.0.2", 80), 100);
     quelm_flush(t);
     EXPECT_EQ(quelm_get_stats(t)->active_flows, 0u);  // and the leak checker sees no flow left
 }
@@ -333,7 +341,8 @@ TEST_F(TableTest, FragmentsAreCreditedToTheFlowOfTheFirstFragment) {
             f.l4(17).payload(payload);
         return f.build();
     };
-    const auto first = frag(0, true, 1480), middle = frag(185, true, 1480), last = frag(370, false, 40);
+    const auto first = frag(0, true, 1480), middle = frag(185, true, 1480),
+               last = frag(370, false, 40);
     EXPECT_EQ(send(middle, 100), QUELM_ACTION_DEFAULT) << "a later fragment before the first";
     EXPECT_EQ(quelm_get_stats(t)->total_flows, 0u);
     EXPECT_EQ(quelm_get_stats(t)->packets_not_decoded, 1u);
@@ -373,7 +382,8 @@ TEST_F(TableTest, FragmentMappingDiesWithItsFlow) {
 
 TEST_F(TableTest, FullHashCountsNoRoomAndKeepsExistingFlows) {
     make(0, 2, 30, 120);  // IPv4 hash of 2 buckets holds 4 flows
-    for (uint16_t port = 1; port <= 5; port++) send(tcp("10.0.0.1", port, "10.0.0.2", 80), 100);
+    for (uint16_t port = 1; port <= 5; port++)
+        send(tcp("10.0.0.1", port, "10.0.0.2", 80), 100);
     EXPECT_EQ(quelm_get_stats(t)->flows_no_room, 1u);
     EXPECT_EQ(quelm_get_stats(t)->active_flows, 4u);
     send(tcp("10.0.0.2", 80, "10.0.0.1", 1), 100);
@@ -397,7 +407,8 @@ TEST_F(TableTest, UserAreaOutlivesTheTable) {
     quelm_destroy_table(t);
     t = nullptr;
     auto *user = static_cast<uint8_t *>(quelm_flow_get_value(exported.at(0))->user);
-    for (int i = 0; i < 16; i++) EXPECT_EQ(user[i], 0);
+    for (int i = 0; i < 16; i++)
+        EXPECT_EQ(user[i], 0);
     t = quelm_create_table(0, 16, 0, 0, 0);
 }
 

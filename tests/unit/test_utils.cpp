@@ -10,10 +10,19 @@ namespace {
 TEST(Utils, Pow2RoundsUpWithin32Bits) {
     struct Case {
         uint32_t in, out;
-    } cases[] = {{0, 0},          {1, 1},           {2, 2},          {3, 4},
-                 {1000, 1024},    {1024, 1024},     {1025, 2048},    {512000, 524288},
-                 {1u << 31, 1u << 31}, {(1u << 31) + 1, 0}, {0xFFFFFFFF, 0}};
-    for (const Case &c : cases) EXPECT_EQ(utils_pow2(c.in), c.out) << c.in;
+    } cases[] = {{0, 0},
+                 {1, 1},
+                 {2, 2},
+                 {3, 4},
+                 {1000, 1024},
+                 {1024, 1024},
+                 {1025, 2048},
+                 {512000, 524288},
+                 {1u << 31, 1u << 31},
+                 {(1u << 31) + 1, 0},
+                 {0xFFFFFFFF, 0}};
+    for (const Case &c : cases)
+        EXPECT_EQ(utils_pow2(c.in), c.out) << c.in;
 }
 
 TEST(Utils, Ipv4TextEndsAtBufferEnd) {
@@ -52,9 +61,10 @@ TEST(Utils, MacTextKeepsLeadingZeros) {
 
 TEST(Utils, ProtocolTextNamesKnownNumbersAndSharesOneBufferForOthers) {
     const std::pair<uint32_t, const char *> named[] = {
-        {0, "IP"},    {1, "ICMP"},       {2, "IGMP"}, {6, "TCP"},  {17, "UDP"},  {47, "GRE"},
-        {50, "ESP"},  {58, "IPv6-ICMP"}, {89, "OSPF"}, {103, "PIM"}, {112, "VRRP"}};
-    for (const auto &[num, text] : named) EXPECT_STREQ(utils_prototoa(num), text);
+        {0, "IP"},   {1, "ICMP"},       {2, "IGMP"},  {6, "TCP"},   {17, "UDP"},  {47, "GRE"},
+        {50, "ESP"}, {58, "IPv6-ICMP"}, {89, "OSPF"}, {103, "PIM"}, {112, "VRRP"}};
+    for (const auto &[num, text] : named)
+        EXPECT_STREQ(utils_prototoa(num), text);
     const char *first = utils_prototoa(132);
     EXPECT_STREQ(first, "132");
     const char *second = utils_prototoa(200);
@@ -90,12 +100,11 @@ TEST(Utils, VersionTextAndNumbers) {
 }
 
 TEST(Utils, SanitizeCutsAtFirstControlCharacter) {
-    const std::pair<std::string, std::string> cases[] = {
-        {"www.example.com", "www.example.com"},
-        {"/path\r\nHost: x", "/path"},
-        {"a\tb", "a"},
-        {"\nx", ""},
-        {"", ""}};
+    const std::pair<std::string, std::string> cases[] = {{"www.example.com", "www.example.com"},
+                                                         {"/path\r\nHost: x", "/path"},
+                                                         {"a\tb", "a"},
+                                                         {"\nx", ""},
+                                                         {"", ""}};
     for (const auto &[in, out] : cases) {
         std::string s = in;
         EXPECT_STREQ(utils_sanitize(s.data()), out.c_str());
