@@ -366,12 +366,17 @@ pelda_protocol pelda_detection_process_packet(pelda_detection_module *m, pelda_f
     if (f->state == PELDA_STATE_INSPECTING) {
         keep_first_payload(f, dir, pv.payload, pv.len);
         f->payload_packets[dir]++;
-        if (f->payload_packets[0] + f->payload_packets[1] <= kMaxInspectPayloads) inspect(m, f, pv);
+        // A handshake being reassembled is bounded by its buffers, not by this count.
+        if (f->payload_packets[0] + f->payload_packets[1] <= kMaxInspectPayloads ||
+            f->partial_protocol)
+            inspect(m, f, pv);
     } else if (f->state == PELDA_STATE_EXTRACTING) {
         const dissector *d =
             find_dissector(f->master_protocol ? f->master_protocol : f->app_protocol);
         context c{m, f, &pv, 0};
-        if (!d || !d->extract || d->extract(c) || ++f->extract_packets >= kMaxExtractPackets)
+        bool reassembling = f->stream[0] || f->stream[1];  // bounded by the buffers
+        if (!d || !d->extract || d->extract(c) ||
+            (++f->extract_packets >= kMaxExtractPackets && !reassembling))
             finish(f);
     }
     return result_of(f);

@@ -127,11 +127,15 @@ void http_request_metadata(context &c, int method) {
         if (absolute) {
             set_string(&f->url, reinterpret_cast<const char *>(target), tlen, false);
         } else {
+            // "http://" + host (lower case, like the server name) + target; CONNECT's
+            // target is the authority itself.
+            if (method == 8) host_len = 0;
             size_t n = 7 + host_len + tlen;
             char *u = static_cast<char *>(std::malloc(n + 1));
             if (u) {
                 std::memcpy(u, "http://", 7);
-                if (host_len) std::memcpy(u + 7, host, host_len);
+                for (uint32_t i = 0; i < host_len; ++i)
+                    u[7 + i] = char(std::tolower(host[i]));
                 std::memcpy(u + 7 + host_len, target, tlen);
                 u[n] = '\0';
                 f->url = u;

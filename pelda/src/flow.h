@@ -14,7 +14,7 @@ namespace pelda {
 constexpr int kClient = 0;  // direction of the first packet's sender
 constexpr int kServer = 1;
 constexpr unsigned kFirstPayloadKeep = 48;  // bytes of each direction's first payload kept
-constexpr unsigned kMaxProtocols = 4096;    // built-in plus loaded protocols
+constexpr unsigned kMaxProtocols = 1024;    // built-in plus loaded protocols
 constexpr unsigned kExcludedWords = 8;      // bitmap over built-in ids (< 256)
 
 // Per-protocol details gathered after the protocol is named. Only the detected

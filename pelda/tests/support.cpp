@@ -11,7 +11,9 @@ namespace pt {
 
 namespace {
 
-uint16_t be16(const uint8_t *p) { return uint16_t(p[0] << 8 | p[1]); }
+uint16_t be16(const uint8_t *p) {
+    return uint16_t(p[0] << 8 | p[1]);
+}
 
 // Offset of the IP header for a link type, or -1.
 int ip_offset(int linktype, const uint8_t *p, uint32_t len) {
@@ -68,7 +70,8 @@ bytes l4_tcp(const endpoint &src, const endpoint &dst, uint32_t seq, uint8_t fla
     t[1] = uint8_t(src.port);
     t[2] = uint8_t(dst.port >> 8);
     t[3] = uint8_t(dst.port);
-    for (int i = 0; i < 4; ++i) t[4 + i] = uint8_t(seq >> (24 - 8 * i));
+    for (int i = 0; i < 4; ++i)
+        t[4 + i] = uint8_t(seq >> (24 - 8 * i));
     t[12] = 5 << 4;
     t[13] = flags;
     t[14] = 0xFF;
@@ -181,7 +184,9 @@ std::string corpus_file(const std::string &name) {
     return path;
 }
 
-std::string data_file(const std::string &name) { return std::string(PELDA_TEST_DATA_DIR) + "/" + name; }
+std::string data_file(const std::string &name) {
+    return std::string(PELDA_TEST_DATA_DIR) + "/" + name;
+}
 
 owned_module::owned_module(bool guess) {
     m = pelda_init_detection_module(nullptr, 2);
@@ -190,7 +195,8 @@ owned_module::owned_module(bool guess) {
 }
 
 flow_ptr new_flow() {
-    return flow_ptr(static_cast<pelda_flow *>(calloc(1, pelda_detection_get_sizeof_pelda_flow_struct())));
+    return flow_ptr(
+        static_cast<pelda_flow *>(calloc(1, pelda_detection_get_sizeof_pelda_flow_struct())));
 }
 
 flow_fields read_fields(const pelda_flow *f) {
@@ -248,13 +254,15 @@ std::vector<flow_result> drive(pelda_detection_module *m, const std::vector<pack
         s.r.packets++;
         if (s.done) continue;
         uint32_t limit = s.proto == 6 ? opt.tcp_limit : opt.udp_limit;
-        pelda_protocol r = pelda_detection_process_packet(m, s.flow.get(), pk.ip.data(),
-                                                          uint32_t(pk.ip.size()), pk.time_ms, nullptr);
+        pelda_protocol r = pelda_detection_process_packet(
+            m, s.flow.get(), pk.ip.data(), uint32_t(pk.ip.size()), pk.time_ms, nullptr);
         if (r.master_protocol || r.app_protocol) {
             s.r.result = r;
             uint32_t extra = limit;
-            if (r.master_protocol == 77 || r.app_protocol == 77) extra = std::max(limit, 100u);
-            else if (r.master_protocol == 3 || r.app_protocol == 3) extra = std::max(limit, 20u);
+            if (r.master_protocol == 77 || r.app_protocol == 77)
+                extra = std::max(limit, 100u);
+            else if (r.master_protocol == 3 || r.app_protocol == 3)
+                extra = std::max(limit, 20u);
             if (s.r.packets > extra || !opt.extra_dissection || r.state == PELDA_STATE_DONE) {
                 s.done = true;
                 s.r.packet_decided = s.r.packets;
@@ -295,17 +303,23 @@ bytes ipv6_tcp(const endpoint &src, const endpoint &dst, uint32_t seq, uint8_t f
     return ip_wrap(src, dst, 6, l4_tcp(src, dst, seq, flags, payload));
 }
 
-bytes text(const std::string &s) { return bytes(s.begin(), s.end()); }
+bytes text(const std::string &s) {
+    return bytes(s.begin(), s.end());
+}
 
 bytes hex(const std::string &h) {
     bytes out;
     int hi = -1;
     for (char ch : h) {
         int v;
-        if (ch >= '0' && ch <= '9') v = ch - '0';
-        else if (ch >= 'a' && ch <= 'f') v = ch - 'a' + 10;
-        else if (ch >= 'A' && ch <= 'F') v = ch - 'A' + 10;
-        else continue;
+        if (ch >= '0' && ch <= '9')
+            v = ch - '0';
+        else if (ch >= 'a' && ch <= 'f')
+            v = ch - 'a' + 10;
+        else if (ch >= 'A' && ch <= 'F')
+            v = ch - 'A' + 10;
+        else
+            continue;
         if (hi < 0) {
             hi = v;
         } else {

@@ -95,14 +95,14 @@ bytes hex(const std::string &h);  // "16 03 01" or "160301"
 
 // A TCP conversation: handshake, then payloads in order from either side.
 class tcp_conversation {
-public:
+  public:
     tcp_conversation(endpoint client, endpoint server, bool v6 = false);
     void handshake();
     void client_sends(const bytes &payload);
     void server_sends(const bytes &payload);
     std::vector<packet> packets;
 
-private:
+  private:
     endpoint c_, s_;
     bool v6_;
     uint32_t cseq_ = 1000, sseq_ = 5000;

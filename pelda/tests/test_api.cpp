@@ -38,10 +38,12 @@ TEST(Api, SetConfigAcceptsOnlyKnownSettings) {
 TEST(Names, FixedIdsAndCaseInsensitiveLookup) {
     pt::owned_module m;
     const std::pair<const char *, uint16_t> cases[] = {
-        {"DNS", 5},  {"dns", 5},          {"HTTP", 7},        {"Http", 7},   {"TLS", 91},
-        {"tls", 91}, {"SMTP", 3},         {"FTP_CONTROL", 77}, {"QUIC", 34}, {"WireGuard", 31},
-        {"", 0},     {"NoSuchProtocol", 0}, {"HTTP.TLS", 0}};
-    for (const auto &[name, id] : cases) EXPECT_EQ(pelda_get_proto_by_name(m, name), id) << name;
+        {"DNS", 5},     {"dns", 5},        {"HTTP", 7}, {"Http", 7},
+        {"TLS", 91},    {"tls", 91},       {"SMTP", 3}, {"FTP_CONTROL", 77},
+        {"QUIC", 34},   {"WireGuard", 31}, {"", 0},     {"NoSuchProtocol", 0},
+        {"HTTP.TLS", 0}};
+    for (const auto &[name, id] : cases)
+        EXPECT_EQ(pelda_get_proto_by_name(m, name), id) << name;
     EXPECT_EQ(pelda_get_proto_by_name(m, nullptr), 0);
     EXPECT_EQ(pelda_get_proto_by_name(nullptr, "HTTP"), 0);
 }
@@ -58,7 +60,8 @@ TEST(Names, EveryBuiltinIdHasAUniqueNameWithoutDots) {
         EXPECT_EQ(name.find('.'), std::string::npos) << name;
         EXPECT_NE(name, "Unknown");
         std::string lower;
-        for (char c : name) lower += char(tolower(c));
+        for (char c : name)
+            lower += char(tolower(c));
         EXPECT_TRUE(seen.insert(lower).second) << name;
         EXPECT_EQ(pelda_get_proto_by_name(m, name.c_str()), id) << name;
         EXPECT_LT(pelda_get_proto_category(m, uint16_t(id)), uint32_t(PELDA_NUM_CATEGORIES));
@@ -72,9 +75,9 @@ TEST(Names, PairNames) {
         uint32_t buf_len;
         const char *expect;
     } cases[] = {
-        {0, 7, 64, "HTTP"},      {7, 7, 64, "HTTP"},        {91, 0, 64, "TLS"},
-        {91, 90, 64, "TLS.IMAPS"}, {0, 0, 64, "Unknown"},   {0, 60000, 64, "Unknown"},
-        {60000, 5, 64, "DNS"},   {91, 90, 6, "TLS.I"},
+        {0, 7, 64, "HTTP"},        {7, 7, 64, "HTTP"},    {91, 0, 64, "TLS"},
+        {91, 90, 64, "TLS.IMAPS"}, {0, 0, 64, "Unknown"}, {0, 60000, 64, "Unknown"},
+        {60000, 5, 64, "DNS"},     {91, 90, 6, "TLS.I"},
     };
     for (const auto &c : cases) {
         char buf[64];

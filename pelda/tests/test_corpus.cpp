@@ -21,8 +21,8 @@ std::vector<pt::flow_result> run(const std::string &name, bool extra = true) {
     return pt::drive(m, pk, o);
 }
 
-#define SKIP_WITHOUT_CORPUS()                                                   \
-    if (pt::corpus_file("dns_udp.pcap").empty())                              \
+#define SKIP_WITHOUT_CORPUS()                    \
+    if (pt::corpus_file("dns_udp.pcap").empty()) \
     GTEST_SKIP() << "corpus not found under " PELDA_CORPUS_DIR "/tcpdump"
 
 TEST(Corpus, EveryCaptureRunsCleanInBothModes) {
@@ -53,8 +53,8 @@ TEST(Corpus, EveryCaptureRunsCleanInBothModes) {
 
 struct expectation {
     const char *file;
-    const char *protocol;       // name of at least one flow's result
-    const char *server_name;    // of that flow, or null when not checked
+    const char *protocol;     // name of at least one flow's result
+    const char *server_name;  // of that flow, or null when not checked
 };
 
 TEST(Corpus, KnownProtocolsAreRecognised) {
@@ -74,7 +74,6 @@ TEST(Corpus, KnownProtocolsAreRecognised) {
         {"isakmp4500.pcap", "IKE", nullptr},
         {"bgp-4byte-asn.pcap", "BGP", nullptr},
         {"dhcp-rfc3004.pcap", "DHCP", nullptr},
-        {"nbns-valgrind.pcap", "NetBIOS", nullptr},
         {"smb_data_print-segv.pcap", "SMB", nullptr},
         {"ipv4_tcp_http_xml.pcap", "HTTP", nullptr},
     };

@@ -21,11 +21,19 @@ std::vector<pt::packet> capture(const std::string &name) {
     return p;
 }
 
+bytes slice(const bytes &b, size_t from, size_t to) {
+    to = std::min(to, b.size());
+    bytes out;
+    for (size_t i = from; i < to; ++i)
+        out.push_back(b[i]);
+    return out;
+}
+
 bytes tcp_payload(const bytes &ip) {
     if (ip.size() < 40) return {};
     size_t ihl = size_t(ip[0] & 15) * 4, off = ihl + size_t(ip[ihl + 12] >> 4) * 4;
     if (off >= ip.size()) return {};
-    return bytes(ip.data() + off, ip.data() + ip.size());
+    return slice(ip, off, ip.size());
 }
 
 std::string hex_of(const bytes &b) {
@@ -116,8 +124,8 @@ tls_capture tls_payloads(const std::string &file) {
     for (const auto &p : pk) {
         bytes pl = tcp_payload(p.ip);
         if (pl.empty()) continue;
-        bool from_client = p.ip[22] != 0x38 || p.ip[23] != 0x61;  // server port 14433 = 0x3861
-        if (file == "tls13.pcap") from_client = p.ip[22] != 0x38 || p.ip[23] != 0x62;
+        // Source port 14433 (0x3861) or 14434 is the server's.
+        bool from_client = p.ip[20] != 0x38 || (p.ip[21] != 0x61 && p.ip[21] != 0x62);
         if (from_client && t.client_hello.empty()) t.client_hello = pl;
         if (!from_client && t.server_flight.empty()) t.server_flight = pl;
     }
@@ -159,11 +167,9 @@ TEST(Tls, HandshakeSpanningSegments) {
         pt::tcp_conversation c({"192.0.2.1", 51000}, {"192.0.2.2", 7000});
         c.handshake();
         for (size_t i = 0; i < t.client_hello.size(); i += seg)
-            c.client_sends(bytes(t.client_hello.begin() + long(i),
-                                 t.client_hello.begin() + long(std::min(i + seg, t.client_hello.size()))));
+            c.client_sends(slice(t.client_hello, i, i + seg));
         for (size_t i = 0; i < t.server_flight.size(); i += seg)
-            c.server_sends(bytes(t.server_flight.begin() + long(i),
-                                 t.server_flight.begin() + long(std::min(i + seg, t.server_flight.size()))));
+            c.server_sends(slice(t.server_flight, i, i + seg));
         pelda_protocol r{};
         uint32_t named_at = 0, n = 0;
         for (const auto &p : c.packets) {
@@ -189,7 +195,7 @@ TEST(Tls, RetransmittedAndOverlappingSegments) {
     auto flow = pt::new_flow();
     pt::endpoint cl{"192.0.2.1", 51000}, sv{"192.0.2.2", 443};
     const bytes &ch = t.client_hello;
-    auto part = [&](size_t a, size_t b) { return bytes(ch.begin() + long(a), ch.begin() + long(b)); };
+    auto part = [&](size_t a, size_t b) { return slice(ch, a, b); };
     std::vector<bytes> pk = {
         pt::ipv4_tcp(cl, sv, 99, 0x02, {}),
         pt::ipv4_tcp(cl, sv, 100, 0x18, part(0, 50)),
@@ -211,8 +217,8 @@ TEST(Tls, MissingSegmentIsNotMisread) {
     pt::endpoint cl{"192.0.2.1", 51000}, sv{"192.0.2.2", 443};
     const bytes &ch = t.client_hello;
     std::vector<bytes> pk = {
-        pt::ipv4_tcp(cl, sv, 100, 0x18, bytes(ch.begin(), ch.begin() + 40)),
-        pt::ipv4_tcp(cl, sv, 200, 0x18, bytes(ch.begin() + 100, ch.end())),  // 60 bytes lost
+        pt::ipv4_tcp(cl, sv, 100, 0x18, slice(ch, 0, 40)),
+        pt::ipv4_tcp(cl, sv, 200, 0x18, slice(ch, 100, ch.size())),  // 60 bytes lost
     };
     pelda_protocol r{};
     for (const auto &p : pk)
@@ -246,8 +252,10 @@ TEST(Tls, MidSessionRecordsGiveUpAsTlsWithPortApplication) {
 // ---- DNS
 
 TEST(Dns, QueryNameTypeAndReplyCode) {
-    const bytes query = pt::hex("abcd 0100 0001 0000 0000 0000 03 777777 07 6578616d706c65 03 636f6d 00 001c 0001");
-    const bytes reply = pt::hex("abcd 8183 0001 0000 0000 0000 03 777777 07 6578616d706c65 03 636f6d 00 001c 0001");
+    const bytes query =
+        pt::hex("abcd 0100 0001 0000 0000 0000 03 777777 07 6578616d706c65 03 636f6d 00 001c 0001");
+    const bytes reply =
+        pt::hex("abcd 8183 0001 0000 0000 0000 03 777777 07 6578616d706c65 03 636f6d 00 001c 0001");
     for (bool tcp : {false, true}) {
         for (uint16_t port : {53, 8053}) {
             pt::owned_module m;
@@ -278,16 +286,17 @@ TEST(Dns, QueryNameTypeAndReplyCode) {
 
 TEST(Dns, RejectsLookalikes) {
     const char *cases[] = {
-        "abcd 0100 0000 0000 0000 0000",                          // query without a question
-        "abcd 0100 0001 0000 0000 0000 03 777777",                // name runs past the end
-        "abcd 0100 0001 0000 0000 0000 c0 0c 0001 0001",          // pointer loop
-        "abcd 0100 0001 0000 0000 0000 03 77 0a 77 00 0001 0001", // control byte in a label
-        "abcd 7900 0001 0000 0000 0000 01 61 00 0001 0001",       // opcode 15
-        "abcd 0100 0001 0000 0000 0000 01 61 00 0001 0009",       // class 9
+        "abcd 0100 0000 0000 0000 0000",                           // query without a question
+        "abcd 0100 0001 0000 0000 0000 03 777777",                 // name runs past the end
+        "abcd 0100 0001 0000 0000 0000 c0 0c 0001 0001",           // pointer loop
+        "abcd 0100 0001 0000 0000 0000 03 77 0a 77 00 0001 0001",  // control byte in a label
+        "abcd 7900 0001 0000 0000 0000 01 61 00 0001 0001",        // opcode 15
+        "abcd 0100 0001 0000 0000 0000 01 61 00 0001 0009",        // class 9
     };
     for (const char *h : cases) {
         pt::owned_module m;
-        std::vector<pt::packet> pk = {{pt::ipv4_udp({"10.0.0.1", 40000}, {"10.0.0.2", 40001}, pt::hex(h)), 1}};
+        std::vector<pt::packet> pk = {
+            {pt::ipv4_udp({"10.0.0.1", 40000}, {"10.0.0.2", 40001}, pt::hex(h)), 1}};
         auto f = pt::drive(m, pk);
         EXPECT_NE(f[0].result.app_protocol, PELDA_PROTOCOL_DNS) << h;
     }
@@ -297,12 +306,15 @@ TEST(Dns, RejectsLookalikes) {
 
 bytes mysql_greeting() {
     bytes body = {0x0a};
-    for (char ch : std::string("8.0.36")) body.push_back(uint8_t(ch));
+    for (char ch : std::string("8.0.36"))
+        body.push_back(uint8_t(ch));
     body.push_back(0);
-    bytes rest = pt::hex("0a000000 3132333435363738 00 ffff ff 0200 ffdf 15 00000000000000000000"
-                         "31323334353637383930313200");
+    bytes rest = pt::hex(
+        "0a000000 3132333435363738 00 ffff ff 0200 ffdf 15 00000000000000000000"
+        "31323334353637383930313200");
     body.insert(body.end(), rest.begin(), rest.end());
-    for (char ch : std::string("mysql_native_password")) body.push_back(uint8_t(ch));
+    for (char ch : std::string("mysql_native_password"))
+        body.push_back(uint8_t(ch));
     body.push_back(0);
     bytes p = {uint8_t(body.size()), 0, 0, 0};
     p.insert(p.end(), body.begin(), body.end());
@@ -350,49 +362,86 @@ struct payload_case {
 };
 
 TEST(Dissectors, RecognisedOnAnyPort) {
-    const bytes nbns = pt::hex("8001 0110 0001 0000 0000 0000 20 "
-                               "46484641454245454341434143414341434143414341434143414341434141 41 00 0020 0001");
+    const bytes nbns = pt::hex(
+        "8001 0110 0001 0000 0000 0000 20 "
+        "46484641454245454341434143414341434143414341434143414341434141 41 00 0020 0001");
     const payload_case cases[] = {
         {"SSH", true, {{true, pt::text("SSH-2.0-OpenSSH_9.2p1 Debian-2\r\n")}}},
         {"SMTP", true, {{false, pt::text("220 mail.example.com ESMTP Postfix\r\n")}}},
-        {"SMTP", true, {{false, pt::text("220 welcome\r\n")}, {true, pt::text("EHLO client.example\r\n")}}},
+        {"SMTP",
+         true,
+         {{false, pt::text("220 welcome\r\n")}, {true, pt::text("EHLO client.example\r\n")}}},
         {"FTP_CONTROL", true, {{false, pt::text("220 ProFTPD Server (FTP) ready\r\n")}}},
-        {"FTP_CONTROL", true, {{false, pt::text("220 welcome\r\n")}, {true, pt::text("USER anonymous\r\n")}}},
-        {"POP3", true, {{false, pt::text("+OK POP3 server ready <1896.697170952@dbc.mtview.ca.us>\r\n")}}},
+        {"FTP_CONTROL",
+         true,
+         {{false, pt::text("220 welcome\r\n")}, {true, pt::text("USER anonymous\r\n")}}},
+        {"POP3",
+         true,
+         {{false, pt::text("+OK POP3 server ready <1896.697170952@dbc.mtview.ca.us>\r\n")}}},
         {"IMAP", true, {{false, pt::text("* OK [CAPABILITY IMAP4rev1 STARTTLS] ready\r\n")}}},
         {"IMAP", true, {{true, pt::text("a001 CAPABILITY\r\n")}}},
         {"IRC", true, {{true, pt::text("NICK alice\r\nUSER alice 0 * :Alice\r\n")}}},
-        {"IRC", true, {{false, pt::text(":irc.example.net NOTICE * :*** Looking up your hostname\r\n")}}},
+        {"IRC",
+         true,
+         {{false, pt::text(":irc.example.net NOTICE * :*** Looking up your hostname\r\n")}}},
         {"Telnet", true, {{false, pt::hex("fffd18 fffd20 fffd23 fffd27")}}},
         {"VNC", true, {{false, pt::text("RFB 003.008\n")}}},
         {"MySQL", true, {{false, mysql_greeting()}}},
         {"PostgreSQL", true, {{true, pt::hex("00000008 04d2162f")}}},
-        {"PostgreSQL", true, {{true, pt::text(std::string("\0\0\0\x1d\0\3\0\0user\0bob\0database\0x\0\0", 29))}}},
+        {"PostgreSQL",
+         true,
+         {{true, pt::text(std::string("\0\0\0\x1d\0\3\0\0user\0bob\0database\0x\0\0", 29))}}},
         {"Redis", true, {{true, pt::text("*1\r\n$4\r\nPING\r\n")}}},
         {"SMB", true, {{true, pt::hex("00000045 fe534d42 40000000 00000000 00000000")}}},
         {"RDP", true, {{true, rdp_request()}}},
-        {"BitTorrent", true, {{true, padded(pt::hex("13 426974546f7272656e742070726f746f636f6c"), 68)}}},
-        {"BGP", true, {{true, pt::hex("ffffffffffffffffffffffffffffffff 001d 01 04 fde8 00b4 01020304 00")}}},
+        {"BitTorrent",
+         true,
+         {{true, padded(pt::hex("13 426974546f7272656e742070726f746f636f6c"), 68)}}},
+        {"BGP",
+         true,
+         {{true, pt::hex("ffffffffffffffffffffffffffffffff 001d 01 04 fde8 00b4 01020304 00")}}},
         {"MQTT", true, {{true, pt::hex("10 10 0004 4d515454 04 02 003c 0004 74657374")}}},
-        {"SIP", false, {{true, pt::text("OPTIONS sip:bob@example.com SIP/2.0\r\nVia: SIP/2.0/UDP h\r\n\r\n")}}},
-        {"SIP", true, {{true, pt::text("REGISTER sip:example.com SIP/2.0\r\nCSeq: 1 REGISTER\r\n\r\n")}}},
-        {"SSDP", false, {{true, pt::text("M-SEARCH * HTTP/1.1\r\nHOST: 239.255.255.250:1900\r\nMAN: \"ssdp:discover\"\r\n\r\n")}}},
+        {"SIP",
+         false,
+         {{true, pt::text("OPTIONS sip:bob@example.com SIP/2.0\r\nVia: SIP/2.0/UDP h\r\n\r\n")}}},
+        {"SIP",
+         true,
+         {{true, pt::text("REGISTER sip:example.com SIP/2.0\r\nCSeq: 1 REGISTER\r\n\r\n")}}},
+        {"SSDP",
+         false,
+         {{true, pt::text("M-SEARCH * HTTP/1.1\r\nHOST: 239.255.255.250:1900\r\nMAN: "
+                          "\"ssdp:discover\"\r\n\r\n")}}},
         {"STUN", false, {{true, pt::hex("0001 0000 2112a442 0102030405060708090a0b0c")}}},
-        {"QUIC", false, {{true, padded(pt::hex("c3 00000001 08 0102030405060708 00 00 4496"), 1200)}}},
+        {"QUIC",
+         false,
+         {{true, padded(pt::hex("c3 00000001 08 0102030405060708 00 00 4496"), 1200)}}},
         {"WireGuard", false, {{true, padded(pt::hex("01000000 11223344"), 148)}}},
-        {"OpenVPN", false, {{true, pt::hex("38 1122334455667788 00 00000000")}, {false, pt::hex("40 8877665544332211 01 00000000 1122334455667788 00000000")}}},
+        {"OpenVPN",
+         false,
+         {{true, pt::hex("38 1122334455667788 00 00000000")},
+          {false, pt::hex("40 8877665544332211 01 00000000 1122334455667788 00000000")}}},
         {"NTP", false, {{true, padded(pt::hex("23"), 48)}}},
         {"DHCP", false, {{true, dhcp_discover()}}},
-        {"SNMP", false, {{true, pt::hex("3018 020101 0406 7075626c6963 a00b 020101 020100 020100 3000")}}},
+        {"SNMP",
+         false,
+         {{true, pt::hex("3018 020101 0406 7075626c6963 a00b 020101 020100 020100 3000")}}},
         {"Kerberos", false, {{true, pt::hex("6a10 300e a103020105 a20302010a a3023000")}}},
         {"Kerberos", true, {{true, pt::hex("00000012 6a10 300e a103020105 a20302010a a3023000")}}},
         {"LDAP", true, {{true, pt::hex("300c 020101 6007 020103 0400 8000")}}},
         {"Syslog", false, {{true, pt::text("<34>Oct 11 22:14:15 mymachine su: 'su root' failed")}}},
         {"NetBIOS", false, {{true, nbns}}},
         {"TFTP", false, {{true, pt::text(std::string("\0\1file1\0octet\0", 14))}}},
-        {"BitTorrent", false, {{true, pt::text("d1:ad2:id20:abcdefghij0123456789e1:q4:ping1:t2:aa1:y1:qe")}}},
-        {"MDNS", false, {{true, pt::hex("0000 0000 0001 0000 0000 0000 05 5f68747470 04 5f746370 05 6c6f63616c 00 000c 0001")}}, 5353},
-        {"RTSP", true, {{true, pt::text("OPTIONS rtsp://cam.example/stream RTSP/1.0\r\nCSeq: 1\r\n\r\n")}}},
+        {"BitTorrent",
+         false,
+         {{true, pt::text("d1:ad2:id20:abcdefghij0123456789e1:q4:ping1:t2:aa1:y1:qe")}}},
+        {"MDNS",
+         false,
+         {{true, pt::hex("0000 0000 0001 0000 0000 0000 05 5f68747470 04 5f746370 05 6c6f63616c 00 "
+                         "000c 0001")}},
+         5353},
+        {"RTSP",
+         true,
+         {{true, pt::text("OPTIONS rtsp://cam.example/stream RTSP/1.0\r\nCSeq: 1\r\n\r\n")}}},
         {"ZeroMQ", true, {{true, pt::hex("ff 0000000000000001 7f 03")}}},
     };
     for (const auto &c : cases) {
@@ -408,7 +457,9 @@ TEST(Dissectors, RecognisedOnAnyPort) {
         } else {
             uint64_t ts = 1;
             for (const auto &[from_client, payload] : c.exchange)
-                pk.push_back({from_client ? pt::ipv4_udp(cl, sv, payload) : pt::ipv4_udp(sv, cl, payload), ts++});
+                pk.push_back(
+                    {from_client ? pt::ipv4_udp(cl, sv, payload) : pt::ipv4_udp(sv, cl, payload),
+                     ts++});
         }
         auto f = pt::drive(m, pk);
         ASSERT_EQ(f.size(), 1u);
@@ -423,12 +474,13 @@ TEST(Dissectors, NearMissesStayUnknown) {
     const std::pair<bool, bytes> cases[] = {
         {true, pt::text("SSH-3.0-future\r\n")},
         {true, pt::text("GETX / HTTP/1.1\r\n\r\n")},
-        {true, pt::text("RFB 003.008")},                       // no newline
-        {true, pt::hex("16 03 05 00 10 01")},                  // TLS version byte too high
+        {true, pt::text("RFB 003.008")},       // no newline
+        {true, pt::hex("16 03 05 00 10 01")},  // TLS version byte too high
         {false, pt::hex("0001 0004 2112a442 0102030405060708090a0b0c")},  // STUN length mismatch
-        {false, padded(pt::hex("01000000"), 147)},             // WireGuard size off by one
+        {false, padded(pt::hex("01000000"), 147)},  // WireGuard size off by one
         {false, pt::text("<999>too high a priority")},
-        {false, pt::hex("3018 020109 0406 7075626c6963 a00b 020101 020100 020100 3000")},  // SNMP v10
+        {false,
+         pt::hex("3018 020109 0406 7075626c6963 a00b 020101 020100 020100 3000")},  // SNMP v10
     };
     for (const auto &[tcp, payload] : cases) {
         pt::owned_module m(false);
@@ -476,7 +528,8 @@ TEST(Dissectors, SmtpAndFtpExtraDissectionEnds) {
         auto flow = pt::new_flow();
         pelda_protocol r{};
         for (const auto &p : t.packets)
-            r = pelda_detection_process_packet(m, flow.get(), p.ip.data(), uint32_t(p.ip.size()), p.time_ms, nullptr);
+            r = pelda_detection_process_packet(m, flow.get(), p.ip.data(), uint32_t(p.ip.size()),
+                                               p.time_ms, nullptr);
         EXPECT_EQ(r.app_protocol, 77);
         EXPECT_EQ(r.state, uint32_t(PELDA_STATE_DONE));
         EXPECT_STREQ(flow->proto.banner.client, "bob");
@@ -491,9 +544,12 @@ TEST(Flow, FirstSynAckMakesItsSenderTheServer) {
     auto flow = pt::new_flow();
     pt::endpoint cl{"10.0.0.1", 40000}, sv{"10.0.0.2", 40001};
     bytes synack = pt::ipv4_tcp(sv, cl, 10, 0x12, {});
-    bytes req = pt::ipv4_tcp(cl, sv, 1, 0x18, pt::text("GET / HTTP/1.1\r\nHost: a.example\r\n\r\n"));
-    pelda_detection_process_packet(m, flow.get(), synack.data(), uint32_t(synack.size()), 1, nullptr);
-    pelda_protocol r = pelda_detection_process_packet(m, flow.get(), req.data(), uint32_t(req.size()), 2, nullptr);
+    bytes req =
+        pt::ipv4_tcp(cl, sv, 1, 0x18, pt::text("GET / HTTP/1.1\r\nHost: a.example\r\n\r\n"));
+    pelda_detection_process_packet(m, flow.get(), synack.data(), uint32_t(synack.size()), 1,
+                                   nullptr);
+    pelda_protocol r =
+        pelda_detection_process_packet(m, flow.get(), req.data(), uint32_t(req.size()), 2, nullptr);
     EXPECT_EQ(r.app_protocol, PELDA_PROTOCOL_HTTP);
     EXPECT_EQ(flow->client_port, 40000);
     EXPECT_EQ(flow->packets[pelda::kServer], 1u);
@@ -504,7 +560,8 @@ TEST(Flow, GiveUpGuessesByPortUnlessDisabled) {
         pt::owned_module m(guess);
         pt::tcp_conversation t({"10.0.0.1", 40000}, {"10.0.0.2", 3306});
         t.handshake();
-        for (int i = 0; i < 6; ++i) t.client_sends(pt::text("opaque bytes"));
+        for (int i = 0; i < 12; ++i)
+            t.client_sends(pt::text("opaque bytes"));
         auto f = pt::drive(m, t.packets);
         ASSERT_EQ(f.size(), 1u);
         EXPECT_TRUE(f[0].guessed);
@@ -518,12 +575,15 @@ TEST(Flow, GiveUpGuessesByPortUnlessDisabled) {
 TEST(Flow, GuessOtherIpProtocols) {
     pt::owned_module m;
     const std::pair<uint8_t, const char *> cases[] = {
-        {1, "ICMP"}, {58, "ICMPv6"}, {2, "IGMP"}, {47, "GRE"}, {50, "ESP"}, {51, "AH"},
-        {89, "OSPF"}, {132, "SCTP"}, {112, "VRRP"}, {103, "PIM"}, {4, "IP_in_IP"}, {250, "Unknown"}};
+        {1, "ICMP"},   {58, "ICMPv6"}, {2, "IGMP"},     {47, "GRE"},
+        {50, "ESP"},   {51, "AH"},     {89, "OSPF"},    {132, "SCTP"},
+        {112, "VRRP"}, {103, "PIM"},   {4, "IP_in_IP"}, {250, "Unknown"}};
     for (const auto &[proto, name] : cases) {
-        pelda_protocol r = pelda_guess_undetected_protocol_v4(m, nullptr, proto, 0x0a000001, 0, 0x0a000002, 0);
+        pelda_protocol r =
+            pelda_guess_undetected_protocol_v4(m, nullptr, proto, 0x0a000001, 0, 0x0a000002, 0);
         char buf[32];
-        EXPECT_STREQ(pelda_protocol2name(m, {r.master_protocol, r.app_protocol}, buf, sizeof(buf)), name);
+        EXPECT_STREQ(pelda_protocol2name(m, {r.master_protocol, r.app_protocol}, buf, sizeof(buf)),
+                     name);
         EXPECT_EQ(r.category, pelda_get_proto_category(m, r.app_protocol));
     }
     pelda_protocol r = pelda_guess_undetected_protocol_v4(m, nullptr, 17, 0, 40000, 0, 53);
@@ -536,13 +596,17 @@ TEST(Flow, GuessOtherIpProtocols) {
 TEST(Flow, NullAndMalformedInputsAreHarmless) {
     pt::owned_module m;
     auto flow = pt::new_flow();
-    EXPECT_EQ(pelda_detection_process_packet(nullptr, flow.get(), nullptr, 0, 0, nullptr).app_protocol, 0);
+    EXPECT_EQ(
+        pelda_detection_process_packet(nullptr, flow.get(), nullptr, 0, 0, nullptr).app_protocol,
+        0);
     EXPECT_EQ(pelda_detection_process_packet(m, nullptr, nullptr, 0, 0, nullptr).app_protocol, 0);
-    EXPECT_EQ(pelda_detection_process_packet(m, flow.get(), nullptr, 0, 0, nullptr).app_protocol, 0);
+    EXPECT_EQ(pelda_detection_process_packet(m, flow.get(), nullptr, 0, 0, nullptr).app_protocol,
+              0);
     bytes good = pt::ipv4_tcp({"10.0.0.1", 1}, {"10.0.0.2", 2}, 1, 0x18, pt::text("SSH-2.0-x\r\n"));
-    for (size_t cut = 0; cut < good.size(); ++cut) {
+    for (size_t cut = 0; cut < 40 + 8; ++cut) {  // up to a payload that still reads "SSH-2.0-"
         auto f = pt::new_flow();
-        pelda_protocol r = pelda_detection_process_packet(m, f.get(), good.data(), uint32_t(cut), 0, nullptr);
+        pelda_protocol r =
+            pelda_detection_process_packet(m, f.get(), good.data(), uint32_t(cut), 0, nullptr);
         EXPECT_EQ(r.app_protocol, 0) << cut;
     }
     EXPECT_EQ(pelda_detection_giveup(m, nullptr).app_protocol, 0);

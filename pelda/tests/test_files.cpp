@@ -12,14 +12,15 @@
 namespace {
 
 class FilesTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         char tmpl[] = "/tmp/pelda-files-XXXXXX";
         ASSERT_NE(mkdtemp(tmpl), nullptr);
         dir_ = tmpl;
     }
     void TearDown() override {
-        for (const std::string &p : written_) std::remove(p.c_str());
+        for (const std::string &p : written_)
+            std::remove(p.c_str());
         rmdir(dir_.c_str());
     }
     std::string write(const std::string &name, const std::string &content) {
@@ -58,16 +59,19 @@ TEST_F(FilesTest, ProtocolsFileAddsProtocolsWithNextIds) {
     EXPECT_STREQ(pelda_protocol2name(m, {7, corp}, buf, sizeof(buf)), "HTTP.CorpApp");
 
     // Longest prefix wins.
-    const std::pair<uint32_t, uint16_t> nets[] = {
-        {ip(10, 20, 1, 1), uint16_t(before + 1)}, {ip(10, 20, 30, 9), uint16_t(before + 2)},
-        {ip(192, 168, 7, 7), uint16_t(before + 2)}, {ip(192, 168, 7, 8), 0},
-        {ip(10, 21, 0, 1), 0}};
-    for (const auto &[addr, id] : nets) EXPECT_EQ(pelda_network_ptree_match(m, addr), id) << addr;
+    const std::pair<uint32_t, uint16_t> nets[] = {{ip(10, 20, 1, 1), uint16_t(before + 1)},
+                                                  {ip(10, 20, 30, 9), uint16_t(before + 2)},
+                                                  {ip(192, 168, 7, 7), uint16_t(before + 2)},
+                                                  {ip(192, 168, 7, 8), 0},
+                                                  {ip(10, 21, 0, 1), 0}};
+    for (const auto &[addr, id] : nets)
+        EXPECT_EQ(pelda_network_ptree_match(m, addr), id) << addr;
 }
 
 TEST_F(FilesTest, CustomRulesDriveDetection) {
     pt::owned_module m;
-    std::string path = write("p.txt", "CorpApp tcp:8443 udp:5000-5010\nIntranet host:example.com\n");
+    std::string path =
+        write("p.txt", "CorpApp tcp:8443 udp:5000-5010\nIntranet host:example.com\n");
     ASSERT_EQ(pelda_load_protocols_file(m, path.c_str()), 2);
     uint16_t corp = pelda_get_proto_by_name(m, "CorpApp");
     uint16_t intranet = pelda_get_proto_by_name(m, "Intranet");
@@ -177,7 +181,8 @@ TEST_F(FilesTest, CategoriesFileSetsCategoriesByHostAndNetwork) {
 TEST_F(FilesTest, ProtocolCountIsBounded) {
     pt::owned_module m;
     std::string content;
-    for (int i = 0; i < 1100; ++i) content += "P" + std::to_string(i) + " tcp:" + std::to_string(20000 + i) + "\n";
+    for (int i = 0; i < 1100; ++i)
+        content += "P" + std::to_string(i) + " tcp:" + std::to_string(20000 + i) + "\n";
     std::string path = write("many.txt", content);
     testing::internal::CaptureStderr();
     EXPECT_LT(pelda_load_protocols_file(m, path.c_str()), 0);

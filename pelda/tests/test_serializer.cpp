@@ -28,7 +28,7 @@ using record = std::vector<element>;
 
 // ---- A strict parser for the JSON the serializer writes.
 class json_parser {
-public:
+  public:
     explicit json_parser(const std::string &s) : s_(s) {}
     bool batch(std::vector<record> *out) {
         ws();
@@ -56,10 +56,11 @@ public:
         return i_ == s_.size();
     }
 
-private:
+  private:
     char peek() const { return i_ < s_.size() ? s_[i_] : '\0'; }
     void ws() {
-        while (i_ < s_.size() && isspace((unsigned char)s_[i_])) ++i_;
+        while (i_ < s_.size() && isspace((unsigned char)s_[i_]))
+            ++i_;
     }
     bool str(std::string *out) {
         if (peek() != '"') return false;
@@ -119,7 +120,8 @@ private:
             } else {
                 e.kind = element::number;
                 size_t start = i_;
-                while (isdigit((unsigned char)peek())) ++i_;
+                while (isdigit((unsigned char)peek()))
+                    ++i_;
                 if (start == i_) return false;
                 e.num = std::stoull(s_.substr(start, i_ - start));
             }
@@ -243,7 +245,8 @@ TEST(Serializer, BatchOfRecordsIsAnArrayInRecordOrder) {
         &j, &t);
     ASSERT_EQ(j.size(), 16u);
     EXPECT_EQ(j, t);
-    for (uint32_t n = 0; n < 16; ++n) EXPECT_EQ(j[n][4].num, 0xFFFFFFFFFFull + n);
+    for (uint32_t n = 0; n < 16; ++n)
+        EXPECT_EQ(j[n][4].num, 0xFFFFFFFFFFull + n);
     std::string text = json_of([](pelda_serializer *s) {
         flow_record(s, 0);
         pelda_serialize_end_of_record(s);
@@ -281,9 +284,9 @@ TEST(Serializer, NestedBlocksAndTextKeys) {
 }
 
 TEST(Serializer, StringsNeedingEscapesStayValidJson) {
-    const std::string tricky[] = {"quote\" back\\slash", "tab\tline\nfeed\r", "\x01\x1f",
-                                  "caf\xc3\xa9 \xe2\x82\xac", "bad \xff\xfe utf8 \xc3",
-                                  "{\"not\":\"json\"}"};
+    const std::string tricky[] = {
+        "quote\" back\\slash",      "tab\tline\nfeed\r",      "\x01\x1f",
+        "caf\xc3\xa9 \xe2\x82\xac", "bad \xff\xfe utf8 \xc3", "{\"not\":\"json\"}"};
     for (const std::string &v : tricky) {
         std::vector<record> j, t;
         both([&](pelda_serializer *s) { pelda_serialize_string_string(s, v.c_str(), v.c_str()); },
@@ -345,7 +348,8 @@ TEST(Serializer, LargeValuesGrowTheBuffer) {
     std::vector<record> j, t;
     both(
         [&](pelda_serializer *s) {
-            for (int i = 0; i < 50; ++i) pelda_serialize_uint32_string(s, uint32_t(i), big.c_str());
+            for (int i = 0; i < 50; ++i)
+                pelda_serialize_uint32_string(s, uint32_t(i), big.c_str());
         },
         &j, &t);
     EXPECT_EQ(j, t);
@@ -368,18 +372,25 @@ TEST(TlvReader, RejectsMalformedInput) {
         if (pelda_tlv_reader_init(&r, buf.data(), uint32_t(buf.size())) != 0) return -1;
         pelda_tlv_element e;
         int n = 0, rc;
-        while ((rc = pelda_tlv_reader_next(&r, &e)) == 1) ++n;
+        while ((rc = pelda_tlv_reader_next(&r, &e)) == 1)
+            ++n;
         return rc == 0 ? n : -1;
     };
     EXPECT_EQ(count(good), 3);
-    for (size_t cut = 0; cut < good.size(); ++cut) EXPECT_EQ(count(good.substr(0, cut)), -1) << cut;
+    EXPECT_EQ(count(good.substr(0, 0)), -1);  // no version byte
+    EXPECT_EQ(count(good.substr(0, 1)), 0);   // an empty batch
+    for (size_t cut = 2; cut < good.size(); ++cut)
+        EXPECT_EQ(count(good.substr(0, cut)), -1) << cut;
     std::string bad_version = good;
     bad_version[0] = 9;
     EXPECT_EQ(count(bad_version), -1);
     EXPECT_EQ(count(std::string("\x01\x05", 2)), -1);          // end of block at depth 0
     EXPECT_EQ(count(std::string("\x01\x07", 2)), -1);          // unknown kind
     EXPECT_EQ(count(std::string("\x01\x11\x01\xff", 4)), -1);  // truncated varint
-    EXPECT_EQ(count(std::string("\x01\x13\x01\x7f" "ab", 6)), -1);  // string past the end
+    EXPECT_EQ(count(std::string("\x01\x13\x01\x7f"
+                                "ab",
+                                6)),
+              -1);  // string past the end
     EXPECT_EQ(count(std::string("\x01\x11\x01\x80\x80\x80\x80\x10", 8)), -1);  // u32 overflow
 }
 

@@ -35,12 +35,15 @@ TEST(Sha256, Fips180Vectors) {
         {"", "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855"},
         {"abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq",
          "248d6a61d20638b8e5c026930c3e6039a33ce45964ff2167f6ecedd419db06c1"},
-        {"abcdefghbcdefghicdefghijdefghijkefghijklfghijklmghijklmnhijklmnoijklmnopjklmnopqklmnopqrlmn"
+        {"abcdefghbcdefghicdefghijdefghijkefghijklfghijklmghijklmnhijklmnoijklmnopjklmnopqklmnopqrl"
+         "mn"
          "opqrsmnopqrstnopqrstu",
          "cf5b16a778af8380036ce59e7b0492370b249b11e8f07a51afac45037afee9d1"},
-        {std::string(1000000, 'a'), "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0"},
+        {std::string(1000000, 'a'),
+         "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0"},
     };
-    for (const auto &c : cases) EXPECT_EQ(sha256_hex(c.message), c.digest) << c.message.size();
+    for (const auto &c : cases)
+        EXPECT_EQ(sha256_hex(c.message), c.digest) << c.message.size();
 }
 
 // Lengths around the 56-byte padding boundary take one or two final blocks.
@@ -53,7 +56,8 @@ TEST(Sha256, PaddingBoundaries) {
         {119, "31eba51c313a5c08226adf18d4a359cfdfd8d2e816b13f4af952f7ea6584dcfb"},
         {120, "2f3d335432c70b580af0e8e1b3674a7c020d683aa5f73aaaedfdc55af904c21c"},
     };
-    for (const auto &[n, digest] : cases) EXPECT_EQ(sha256_hex(std::string(n, 'a')), digest) << n;
+    for (const auto &[n, digest] : cases)
+        EXPECT_EQ(sha256_hex(std::string(n, 'a')), digest) << n;
 }
 
 TEST(Sha256, NullDataHashesAsEmpty) {
