@@ -476,11 +476,14 @@ verdict detect_quic(context &c) {
     if ((p[0] & 0x80) && (p[0] & 0x40)) {  // long header
         uint32_t version = rd32(p + 1);
         if (!known_quic_version(version)) return verdict::no;
+        if (version >> 24 == 'Q') {  // early long header: nibble-coded connection id lengths
+            gquic_sni(c.flow, p, len);
+            return verdict::yes;
+        }
         uint32_t dcid = p[5];
         if (dcid > 20 || 6 + dcid >= len) return verdict::no;
         uint32_t scid = p[6 + dcid];
         if (scid > 20 || 7 + dcid + scid > len) return verdict::no;
-        if (version >> 24 == 'Q') gquic_sni(c.flow, p, len);
         return verdict::yes;
     }
     if ((p[0] & 0x01) && (p[0] & 0x08) && len >= 13) {

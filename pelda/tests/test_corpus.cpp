@@ -61,7 +61,7 @@ TEST(Corpus, KnownProtocolsAreRecognised) {
     SKIP_WITHOUT_CORPUS();
     const expectation cases[] = {
         {"dns_udp.pcap", "DNS", "www.tcpdump.org"},
-        {"dns_tcp.pcap", "DNS", nullptr},
+        {"dns_tcp.pcap", "DNS", "www.tcpdump.org"},
         {"dns_udp_8053.pcap", "DNS", nullptr},
         {"dns_tcp_8053.pcap", "DNS", nullptr},
         {"ssh.pcap", "SSH", nullptr},
@@ -69,6 +69,7 @@ TEST(Corpus, KnownProtocolsAreRecognised) {
         {"ntp.pcap", "NTP", nullptr},
         {"resp_1_benchmark.pcap", "Redis", nullptr},
         {"quic_handshake.pcap", "QUIC", nullptr},
+        {"gquic.pcap", "QUIC", "clientservices.googleapis.com"},
         {"tftp.pcap", "TFTP", nullptr},
         {"RADIUS.pcap", "RADIUS", nullptr},
         {"isakmp4500.pcap", "IKE", nullptr},
