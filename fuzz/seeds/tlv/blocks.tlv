@@ -1,0 +1,1 @@
+$iface#nameeth0!speedè$a$b"deepÿÿÿÿÿÿÿÿÿ
