@@ -1,0 +1,21 @@
+// Exit codes of the quelm tool, in the style of sysexits(3): scripts can tell a bad command line
+// from bad input from an output failure.
+#pragma once
+
+namespace quelm_tool {
+
+enum ExitCode : int {
+    kExitOk = 0,
+    kExitUsage = 64,       // the command line is wrong
+    kExitDataError = 65,   // the input is corrupt, truncated or of a link type we cannot read
+    kExitNoInput = 66,     // an input file or interface cannot be opened
+    kExitNoMemory = 71,    // the flow table cannot be allocated
+    kExitOutputError = 74  // the output cannot be created or written
+};
+
+// The more serious of two outcomes; the first error wins among errors.
+inline int worse_exit(int current, int next) {
+    return current != kExitOk ? current : next;
+}
+
+}  // namespace quelm_tool

@@ -1,0 +1,400 @@
+#include "flows_command.h"
+
+#include <poll.h>
+#include <quelm.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+#include <ctime>
+#include <fstream>
+#include <map>
+#include <cstring>
+
+#include "exit_codes.h"
+#include "link_adapter.h"
+#include "packet_source.h"
+#include "run_report.h"
+#include "stop_signals.h"
+
+namespace quelm_tool {
+namespace {
+
+constexpr int kFileBatch = 8192;  // packets between checks for progress and stop requests
+constexpr int kLiveBatch = 1024;  // packets per read of a live capture
+constexpr int kQuietMs = 1000;    // wall-clock housekeeping after this long without packets
+constexpr uint32_t kMaxTableFlows = 1u << 30;
+
+void complain(const char *format, ...) __attribute__((format(printf, 1, 2)));
+void complain(const char *format, ...) {
+    va_list args;
+    va_start(args, format);
+    fputs("quelm flows: ", stderr);
+    vfprintf(stderr, format, args);
+    fputc('\n', stderr);
+    va_end(args);
+}
+
+// ---- Options ---------------------------------------------------------------------------------
+
+const std::map<std::string, int> kActions = {
+    {"default", QUELM_ACTION_DEFAULT}, {"forward", QUELM_ACTION_FORWARD},
+    {"discard", QUELM_ACTION_DISCARD}, {"user_1", QUELM_ACTION_USER_1},
+    {"user_2", QUELM_ACTION_USER_2},   {"slice", QUELM_ACTION_SLICE},
+};
+const std::map<std::string, Format> kFormats = {{"text", Format::kText}, {"json", Format::kJson}};
+
+// ---- Packet path -----------------------------------------------------------------------------
+
+// Everything the per-packet callback needs, in one place.
+struct Run {
+    quelm_table *table = nullptr;
+    LinkAdapter *adapter = nullptr;
+    quelm_packet_ext ext = {};
+    uint64_t packets = 0;
+    uint64_t bytes = 0;
+};
+
+void on_packet(u_char *user, const pcap_pkthdr *h, const u_char *bytes) noexcept {
+    Run &run = *reinterpret_cast<Run *>(user);
+    const AdaptedFrame frame = run.adapter->adapt(bytes, h->caplen, h->len);
+    const quelm_packet_header header = {{h->ts.tv_sec, h->ts.tv_usec}, frame.caplen, frame.len};
+    run.ext.if_index = frame.if_index;
+    quelm_process(run.table, frame.data, &header, &run.ext);
+    run.packets++;
+    run.bytes += h->len;
+}
+
+void on_flow(quelm_flow *flow, void *user) noexcept {
+    static_cast<FlowWriter *>(user)->write(flow);
+}
+
+// What a read loop needs besides the packet path.
+struct Loop {
+    Run &run;
+    const OutputSink &sink;
+    ProgressLine &progress;
+    uint64_t limit;  // 0: no packet limit
+    bool limit_reached() const { return limit != 0 && run.packets >= limit; }
+    int batch(int size) const {
+        return limit == 0 ? size : int(std::min<uint64_t>(uint64_t(size), limit - run.packets));
+    }
+    bool should_stop() const { return stop_requested() || sink.failed() || limit_reached(); }
+};
+
+int read_file(PacketSource &source, Loop &loop) {
+    while (!loop.should_stop()) {
+        const int n = pcap_dispatch(source.handle(), loop.batch(kFileBatch), on_packet,
+                                    reinterpret_cast<u_char *>(&loop.run));
+        if (n == 0 || n == PCAP_ERROR_BREAK) break;  // end of file, or a stop signal
+        if (n == PCAP_ERROR) {
+            loop.progress.clear();
+            complain("%s is damaged after %llu packets (%s); the flows read so far are written",
+                     source.name().c_str(), (unsigned long long)loop.run.packets,
+                     pcap_geterr(source.handle()));
+            return kExitDataError;
+        }
+        loop.progress.update(source.fraction_read(), loop.run.packets,
+                             quelm_get_stats(loop.run.table)->active_flows);
+    }
+    return kExitOk;
+}
+
+// Live capture never ends by itself. While the link is quiet no packet drives the table's
+// housekeeping, so it is driven from the wall clock (packet time is capture time here).
+int capture_live(PacketSource &source, Loop &loop) {
+    char errbuf[PCAP_ERRBUF_SIZE];
+    pcap_t *pcap = source.handle();
+    const int fd = pcap_get_selectable_fd(pcap);
+    if (fd >= 0) pcap_setnonblock(pcap, 1, errbuf);
+    while (!loop.should_stop()) {
+        const int n = pcap_dispatch(pcap, loop.batch(kLiveBatch), on_packet,
+                                    reinterpret_cast<u_char *>(&loop.run));
+        if (n == PCAP_ERROR_BREAK) break;
+        if (n == PCAP_ERROR) {
+            complain("capture on %s failed: %s", source.name().c_str(), pcap_geterr(pcap));
+            return kExitDataError;
+        }
+        if (n > 0 || fd < 0) continue;
+        pollfd waiting = {fd, POLLIN, 0};
+        if (poll(&waiting, 1, kQuietMs) == 0)
+            quelm_housekeeping(loop.run.table, uint32_t(time(nullptr)));
+    }
+    return kExitOk;
+}
+
+// The filter expression from the trailing words or from -F; false with an exit code on failure.
+bool filter_expression(const FlowsOptions &o, std::string *expression, int *exit_code) {
+    std::string text;
+    if (!o.filter_file.empty()) {
+        std::ifstream in(o.filter_file);
+        if (!in) {
+            complain("cannot open the filter file '%s'", o.filter_file.c_str());
+            *exit_code = kExitNoInput;
+            return false;
+        }
+        std::string line;
+        while (std::getline(in, line))
+            text += line.substr(0, line.find('#')) + ' ';  // '#' starts a comment
+    } else {
+        for (const std::string &word : o.filter_words)
+            text += word + ' ';
+    }
+    const size_t first = text.find_first_not_of(" \t\r\n");
+    *expression = first == std::string::npos
+                      ? std::string()
+                      : text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1);
+    return true;
+}
+
+}  // namespace
+
+// ---- Command line ----------------------------------------------------------------------------
+
+void add_input_options(CLI::App &command, FlowsOptions &o) {
+    const char *group = "Input (one of -r or -i)";
+    command
+        .add_option("-r,--read", o.files,
+                    "Read packets from a capture file (pcap or pcapng). '-' reads standard input. "
+                    "Repeat to read several files in order, as one stream")
+        ->type_name("FILE")
+        ->allow_extra_args(false)  // "-r a.pcap tcp" reads a.pcap with the filter "tcp"
+        ->group(group);
+    command
+        .add_option("-i,--interface", o.interface,
+                    "Capture live on a network interface (needs root or CAP_NET_RAW). Ctrl-C "
+                    "writes the flows still open and exits")
+        ->type_name("IFACE")
+        ->excludes("--read")
+        ->group(group);
+    command
+        .add_option("-c,--count", o.count,
+                    "Stop after reading COUNT packets (those that pass the filter)")
+        ->type_name("COUNT")
+        ->check(CLI::PositiveNumber.description(""))
+        ->group(group);
+    command
+        .add_option("-F,--filter-file", o.filter_file,
+                    "Read the filter expression from FILE ('#' starts a comment)")
+        ->type_name("FILE")
+        ->group(group);
+    command
+        .add_option("filter", o.filter_words,
+                    "Only packets matching this BPF filter expression (tcpdump syntax), "
+                    "e.g. tcp port 443 or 'host 10.0.0.1 and not udp'")
+        ->type_name("EXPRESSION")
+        ->excludes("--filter-file")
+        ->group(group);
+}
+
+void add_table_options(CLI::App &command, FlowsOptions &o) {
+    const char *group = "Flow table";
+    command
+        .add_option("--max-flows", o.max_flows,
+                    "Size of the flow table: room for twice this many IPv4 flows and as many IPv6 "
+                    "flows; packets of new flows beyond that are counted as 'no room'")
+        ->type_name("N")
+        ->capture_default_str()
+        ->check(CLI::Range(1u, kMaxTableFlows).description(""))
+        ->group(group);
+    command
+        .add_option("--idle", o.idle,
+                    "End a flow after more than SECONDS without a packet in either direction")
+        ->type_name("SECONDS")
+        ->capture_default_str()
+        ->check(CLI::Range(1u, UINT32_MAX).description(""))
+        ->group(group);
+    command
+        .add_option("--lifetime", o.lifetime,
+                    "End a flow that has lasted more than SECONDS when its next packet arrives; "
+                    "that packet starts a new flow")
+        ->type_name("SECONDS")
+        ->capture_default_str()
+        ->check(CLI::Range(1u, UINT32_MAX).description(""))
+        ->group(group);
+    command
+        .add_option("--slice", o.slice,
+                    "Also write a partial record (reason \"slice\") of every flow still going on "
+                    "every SECONDS, counting the packets since the previous one; 0 turns it off")
+        ->type_name("SECONDS")
+        ->capture_default_str()
+        ->group(group);
+    command.add_flag("--ignore-vlan", o.ignore_vlan, "Merge flows that differ only in VLAN id")
+        ->group(group);
+    command
+        .add_flag("--mac-in-key", o.mac_in_key,
+                  "Tell flows apart by MAC addresses as well as by IP addresses and ports")
+        ->group(group);
+    command
+        .add_flag("--tunnels", o.tunnels,
+                  "Look inside GTPv1-U, L2TP, CAPWAP and VXLAN tunnels and track the inner flows")
+        ->group(group);
+    command
+        .add_option("--default-action", o.default_action,
+                    "Verdict given to every new flow: default, forward, discard, user_1, user_2 "
+                    "or slice (the table's verdicts are not written; this is for testing)")
+        ->type_name("ACTION")
+        ->default_str("default")
+        ->transform(CLI::CheckedTransformer(kActions, CLI::ignore_case).description(""))
+        ->group(group);
+}
+
+void add_output_options(CLI::App &command, FlowsOptions &o) {
+    const char *group = "Output";
+    command
+        .add_option("-w,--write", o.output,
+                    "Write the flow records to FILE instead of standard "
+                    "output")
+        ->type_name("FILE")
+        ->group(group);
+    command
+        .add_option("--format", o.format,
+                    "text: one line per flow; json: one JSON object per line "
+                    "(event_type \"flow\"; fields in quelm(1))")
+        ->type_name("FORMAT")
+        ->default_str("text")
+        ->transform(CLI::CheckedTransformer(kFormats, CLI::ignore_case).description(""))
+        ->group(group);
+    command
+        .add_flag("--stats", o.stats,
+                  "At the end, print a summary on standard error: packets, bytes, flows, speed")
+        ->group(group);
+    command
+        .add_flag("--no-progress", o.no_progress,
+                  "Do not show the progress line (shown on a terminal while files are read "
+                  "and the records go elsewhere)")
+        ->group(group);
+}
+
+CLI::App *add_flows_command(CLI::App &app, FlowsOptions &options) {
+    CLI::App *command = app.add_subcommand(
+        "flows",
+        "Read packets from capture files or a network interface, group them into flows (both "
+        "directions of a conversation together) and write one record per flow when it ends: "
+        "idle, too old, sliced, or at the end of the input");
+    add_input_options(*command, options);
+    add_table_options(*command, options);
+    add_output_options(*command, options);
+    command->footer(
+        "Examples:\n"
+        "  quelm flows -r capture.pcap                        one text line per flow\n"
+        "  quelm flows -r capture.pcap --format json -w flows.json\n"
+        "  quelm flows -r a.pcap -r b.pcapng tcp port 443     two files, HTTPS only\n"
+        "  tcpdump -w - -i eth0 | quelm flows -r -            read from a pipe\n"
+        "  quelm flows -i eth0 --idle 10 --stats              live; stop with Ctrl-C\n"
+        "\n"
+        "Exit status: 0 success, 64 wrong command line, 65 damaged or unsupported input (the "
+        "flows read before the damage are written), 66 input cannot be opened, 71 not enough "
+        "memory for the table, 74 output cannot be written.");
+    return command;
+}
+
+// ---- The run ---------------------------------------------------------------------------------
+
+int run_flows(const FlowsOptions &o) {
+    if (o.files.empty() && o.interface.empty()) {
+        complain(
+            "say where packets come from: -r FILE (or -r - for standard input) or "
+            "-i INTERFACE; see quelm flows --help");
+        return kExitUsage;
+    }
+    std::string filter, error;
+    int exit_code = kExitOk;
+    if (!filter_expression(o, &filter, &exit_code)) return exit_code;
+
+    OutputSink sink;
+    if (!sink.open(o.output, &error)) {
+        complain("%s", error.c_str());
+        return kExitOutputError;
+    }
+    const uint32_t flags = (o.ignore_vlan ? QUELM_FLAG_IGNORE_VLAN : 0) |
+                           (o.mac_in_key ? QUELM_FLAG_MAC_IN_KEY : 0) |
+                           (o.tunnels ? QUELM_FLAG_TUNNEL_DECODING : 0);
+    quelm_table *table = quelm_create_table(flags, o.max_flows, o.idle, o.lifetime, 0);
+    if (table == nullptr) {
+        complain("not enough memory for a table of %u flows; lower --max-flows", o.max_flows);
+        return kExitNoMemory;
+    }
+    quelm_flow_set_flow_slicing(table, o.slice);
+    quelm_set_default_action(table, quelm_action(o.default_action));
+    FlowWriter writer(sink, o.format);
+    quelm_set_flow_export_callback(table, on_flow, &writer);
+
+    install_stop_handlers();
+    ProgressLine progress(!o.no_progress && o.interface.empty() && isatty(STDERR_FILENO) == 1 &&
+                          !sink.is_terminal());
+    RunSummary summary;
+    const double started = now_seconds();
+    Run run;
+    run.table = table;
+    Loop loop{run, sink, progress, o.count};
+
+    const bool live = !o.interface.empty();
+    const std::vector<std::string> inputs = live ? std::vector<std::string>{o.interface} : o.files;
+    for (const std::string &input : inputs) {
+        if (loop.should_stop()) break;
+        int open_code = kExitOk;
+        std::unique_ptr<PacketSource> source =
+            live ? PacketSource::open_live(input, &error, &open_code)
+                 : PacketSource::open_file(input, &error, &open_code);
+        if (source == nullptr) {
+            progress.clear();
+            complain("%s", error.c_str());
+            exit_code = worse_exit(exit_code, open_code);
+            continue;
+        }
+        if (!LinkAdapter::supports(source->link_type())) {
+            progress.clear();
+            complain(
+                "%s: %s is not supported; quelm reads Ethernet, Linux cooked (SLL, SLL2), "
+                "raw IP and BSD loopback captures",
+                source->name().c_str(), LinkAdapter::describe(source->link_type()).c_str());
+            exit_code = worse_exit(exit_code, kExitDataError);
+            continue;
+        }
+        if (!filter.empty() && !source->set_filter(filter, &error)) {
+            progress.clear();
+            complain("%s", error.c_str());
+            exit_code = worse_exit(exit_code, kExitUsage);
+            break;
+        }
+        if (live)
+            fprintf(stderr, "quelm flows: capturing on %s, %s\n", source->name().c_str(),
+                    LinkAdapter::describe(source->link_type()).c_str());
+        LinkAdapter adapter(source->link_type());
+        run.adapter = &adapter;
+        set_active_capture(source->handle());
+        const int read_code = live ? capture_live(*source, loop) : read_file(*source, loop);
+        set_active_capture(nullptr);
+        exit_code = worse_exit(exit_code, read_code);
+        if (live) {
+            pcap_stat ps;
+            if (pcap_stats(source->handle(), &ps) == 0) {
+                summary.kernel_drops = ps.ps_drop;
+                summary.interface_drops = ps.ps_ifdrop;
+            }
+        }
+    }
+
+    quelm_flush(table);
+    progress.clear();
+    if (!sink.close()) {
+        complain("cannot write to %s: %s", sink.name().c_str(), std::strerror(sink.error_number()));
+        exit_code = kExitOutputError;
+    }
+    if (o.stats) {
+        summary.packets = run.packets;
+        summary.bytes = run.bytes;
+        summary.table = quelm_get_stats(table);
+        summary.flows_written = writer.flows_written();
+        summary.slices_written = writer.slices_written();
+        summary.seconds = now_seconds() - started;
+        summary.live = live;
+        print_summary(stderr, summary);
+    }
+    quelm_destroy_table(table);
+    return exit_code;
+}
+
+}  // namespace quelm_tool

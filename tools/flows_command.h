@@ -1,0 +1,49 @@
+// `quelm flows`: reads packets from capture files or a live interface, tracks them in a flow
+// table and writes one record per flow that leaves the table.
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "flow_writer.h"
+
+namespace quelm_tool {
+
+struct FlowsOptions {
+    // Input
+    std::vector<std::string> files;
+    std::string interface;
+    std::vector<std::string> filter_words;
+    std::string filter_file;
+    uint64_t count = 0;  // 0: no limit
+    // Table (defaults are the library's)
+    uint32_t max_flows = 512000;
+    uint32_t idle = 30;
+    uint32_t lifetime = 120;
+    uint32_t slice = 0;
+    bool ignore_vlan = false;
+    bool mac_in_key = false;
+    bool tunnels = false;
+    int default_action = 0;
+    // Output
+    std::string output = "-";
+    Format format = Format::kText;
+    bool stats = false;
+    bool no_progress = false;
+};
+
+// One function per group of options, so later features add their own group.
+void add_input_options(CLI::App &command, FlowsOptions &options);
+void add_table_options(CLI::App &command, FlowsOptions &options);
+void add_output_options(CLI::App &command, FlowsOptions &options);
+
+// Registers the `flows` subcommand with all its options.
+CLI::App *add_flows_command(CLI::App &app, FlowsOptions &options);
+
+// Runs the command; returns the process exit code (exit_codes.h).
+int run_flows(const FlowsOptions &options);
+
+}  // namespace quelm_tool

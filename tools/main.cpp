@@ -1,0 +1,36 @@
+// quelm: the command-line front of the flow-table library, one binary with subcommands.
+#include <quelm.h>
+
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+
+#include "exit_codes.h"
+#include "flows_command.h"
+
+int main(int argc, char **argv) {
+    char version[32];
+    quelm_version(version);
+    CLI::App app{
+        "quelm: flow tracking for packet captures. It groups packets into flows (both directions "
+        "of a conversation) and reports each flow's packets, bytes, times and TCP flags.",
+        "quelm"};
+    app.set_version_flag("--version", std::string("quelm ") + version);
+    app.require_subcommand(1);
+    app.footer("Run 'quelm flows --help' for the options of a command; 'man quelm' for details.");
+
+    quelm_tool::FlowsOptions flows_options;
+    CLI::App *flows = quelm_tool::add_flows_command(app, flows_options);
+    if (argc < 2) {
+        fputs(app.help().c_str(), stderr);
+        return quelm_tool::kExitUsage;
+    }
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &e) {
+        // --help and --version end here with 0; every real parse error is a usage error.
+        return app.exit(e) == 0 ? quelm_tool::kExitOk : quelm_tool::kExitUsage;
+    }
+    if (flows->parsed()) return quelm_tool::run_flows(flows_options);
+    return quelm_tool::kExitUsage;
+}

@@ -1,0 +1,74 @@
+#include "run_report.h"
+
+#include <ctime>
+
+namespace quelm_tool {
+namespace {
+
+constexpr double kProgressInterval = 0.25;
+
+// 1234567 -> "1.2M": short enough for a progress line.
+void human(double v, char *out, size_t size) {
+    if (v >= 1e9)
+        snprintf(out, size, "%.1fG", v / 1e9);
+    else if (v >= 1e6)
+        snprintf(out, size, "%.1fM", v / 1e6);
+    else if (v >= 1e4)
+        snprintf(out, size, "%.0fk", v / 1e3);
+    else
+        snprintf(out, size, "%.0f", v);
+}
+
+}  // namespace
+
+double now_seconds() {
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return double(ts.tv_sec) + double(ts.tv_nsec) / 1e9;
+}
+
+void ProgressLine::update(double fraction, uint64_t packets, uint64_t active_flows) {
+    if (!enabled_) return;
+    const double now = now_seconds();
+    if (now - last_ < kProgressInterval) return;
+    last_ = now;
+    char count[16], rate[16], share[16] = "";
+    human(double(packets), count, sizeof count);
+    human(now > start_ ? double(packets) / (now - start_) : 0, rate, sizeof rate);
+    if (fraction >= 0) snprintf(share, sizeof share, "%3.0f%%  ", fraction * 100);
+    fprintf(stderr, "\r%s%s packets  %s packets/s  %llu active flows\033[K", share, count, rate,
+            (unsigned long long)active_flows);
+    fflush(stderr);
+    shown_ = true;
+}
+
+void ProgressLine::clear() {
+    if (!shown_) return;
+    fputs("\r\033[K", stderr);
+    fflush(stderr);
+    shown_ = false;
+}
+
+void print_summary(FILE *out, const RunSummary &s) {
+    const quelm_stats &t = *s.table;
+    auto line = [out](const char *name, unsigned long long value) {
+        fprintf(out, "%-20s %llu\n", name, value);
+    };
+    line("packets", s.packets);
+    line("bytes", s.bytes);
+    line("not decoded", t.packets_not_decoded);
+    line("flows created", t.total_flows);
+    fprintf(out, "%-20s %llu (%llu slices)\n", "flows written", (unsigned long long)s.flows_written,
+            (unsigned long long)s.slices_written);
+    line("no room", t.flows_no_room);
+    if (t.flows_no_memory != 0) line("no memory", t.flows_no_memory);
+    if (s.live) {
+        line("dropped by kernel", s.kernel_drops);
+        line("dropped by device", s.interface_drops);
+    }
+    fprintf(out, "%-20s %.3f s\n", "elapsed", s.seconds);
+    line("packets per second",
+         s.seconds > 0 ? (unsigned long long)(double(s.packets) / s.seconds) : 0ULL);
+}
+
+}  // namespace quelm_tool

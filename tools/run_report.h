@@ -1,0 +1,46 @@
+// What the tool says on standard error about a run: the progress line while files are read (on a
+// terminal only) and the summary of --stats.
+#pragma once
+
+#include <quelm.h>
+
+#include <cstdint>
+#include <cstdio>
+
+namespace quelm_tool {
+
+// Monotonic seconds.
+double now_seconds();
+
+// One line, rewritten in place at most four times a second.
+class ProgressLine {
+  public:
+    explicit ProgressLine(bool enabled) : enabled_(enabled) {}
+    ~ProgressLine() { clear(); }
+    // `fraction` of the current input read, or negative when unknown (a pipe).
+    void update(double fraction, uint64_t packets, uint64_t active_flows);
+    // Removes the line so that later messages start on a clean line.
+    void clear();
+
+  private:
+    bool enabled_;
+    bool shown_ = false;
+    double start_ = now_seconds();
+    double last_ = 0;
+};
+
+struct RunSummary {
+    uint64_t packets = 0;  // packets read from the inputs
+    uint64_t bytes = 0;    // their wire length
+    const quelm_stats *table = nullptr;
+    uint64_t flows_written = 0;
+    uint64_t slices_written = 0;
+    double seconds = 0;
+    bool live = false;
+    uint64_t kernel_drops = 0;     // live capture: dropped for lack of buffer space
+    uint64_t interface_drops = 0;  // live capture: dropped by the interface or driver
+};
+
+void print_summary(FILE *out, const RunSummary &s);
+
+}  // namespace quelm_tool
