@@ -9,7 +9,8 @@
 #
 # usage: bench/compare-peers.sh [PCAP...]
 #   With no capture, generates two in a temporary directory first: 100 thousand flows in 2 million
-#   packets, and 1 million flows in 10 million packets (about 6 GB; takes a few minutes).
+#   packets, and 1 million flows in 10 million packets (about 6.5 GB; takes a minute or two).
+#   A capture named like the generated ones (traffic-<N>flows-...) is taken to hold N flows.
 # environment:
 #   QUELM_BIN    the quelm tool (default build/release/tools/quelm)
 #   BENCH_DIR    where quelm-pcap-floor and quelm-gen-traffic are (default build/release/bench/traffic)
@@ -54,6 +55,7 @@ if ((${#captures[@]} == 0)); then
 fi
 for c in "${captures[@]}"; do
     [[ -r $c ]] || die "cannot read capture $c"
+    if [[ $(basename "$c") =~ ^traffic-([0-9]+)flows- ]]; then flows_in[$c]=${BASH_REMATCH[1]}; fi
 done
 
 median() { sort -g | awk '{ v[NR] = $1 } END { print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2 }'; }
@@ -109,7 +111,8 @@ for cap in "${captures[@]}"; do
     fi
     if command -v nfpcapd >/dev/null; then
         mkdir -p "$work/nfpcapd"
-        run nfpcapd nfpcapd -r "$cap" -w "$work/nfpcapd" &&
+        # Node cache large enough for every flow of the biggest capture.
+        run nfpcapd nfpcapd -r "$cap" -w "$work/nfpcapd" -B 4194304 &&
             row nfpcapd "$secs" "$packets" "$floor_pps" "$rss_kib"
         rm -rf "$work/nfpcapd"
     fi
