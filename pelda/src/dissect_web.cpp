@@ -189,7 +189,7 @@ bool extract_http(context &c) {
                 copy_text(f->proto.http.content_type, sizeof(f->proto.http.content_type), hv, hvl);
         }
     }
-    return f->proto.http.response_seen && f->proto.http.request_seen;
+    return f->proto.http.response_seen;  // nothing after the status line is extracted
 }
 
 verdict detect_rtsp(context &c) {
