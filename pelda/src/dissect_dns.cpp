@@ -82,9 +82,10 @@ bool parse_dns(const uint8_t *m, uint32_t len, dns_message *d) {
     return d->qtype != 0 && (cls == 1 || cls == 3 || cls == 4 || cls == 254 || cls == 255);
 }
 
-// The DNS message of this packet: UDP datagram or TCP message behind its 2-byte length.
-bool dns_payload(const packet_view &pv, const uint8_t **m, uint32_t *len) {
-    if (!pv.tcp) {
+// The DNS message of this packet: UDP datagram or TCP message behind its 2-byte
+// length (`raw`: the length came in a segment of its own).
+bool dns_payload(const packet_view &pv, const uint8_t **m, uint32_t *len, bool raw = false) {
+    if (!pv.tcp || raw) {
         *m = pv.payload;
         *len = pv.len;
         return true;
@@ -118,7 +119,11 @@ verdict detect_dns(context &c) {
     const uint8_t *m;
     uint32_t len;
     dns_message d;
-    if (!dns_payload(pv, &m, &len) || !parse_dns(m, len, &d)) return verdict::no;
+    pelda_flow *f = c.flow;
+    // Some resolvers send the TCP length prefix in a segment of its own.
+    if (pv.tcp && pv.len == 2 && f->payload_packets[pv.dir] == 1) return verdict::maybe;
+    bool raw = pv.tcp && f->first_payload_full_len[pv.dir] == 2 && f->payload_packets[pv.dir] == 2;
+    if (!dns_payload(pv, &m, &len, raw) || !parse_dns(m, len, &d)) return verdict::no;
     if (!(d.flags & 0x8000) && pv.dir == kServer && c.flow->payload_packets[kClient] == 0 &&
         d.qdcount == 0)
         return verdict::no;
@@ -138,7 +143,9 @@ bool extract_dns(context &c) {
         const uint8_t *m;
         uint32_t len;
         dns_message d;
-        if (dns_payload(pv, &m, &len) && parse_dns(m, len, &d) && (d.flags & 0x8000)) store(f, d);
+        bool ok = dns_payload(pv, &m, &len) && parse_dns(m, len, &d);
+        if (!ok && pv.tcp) ok = dns_payload(pv, &m, &len, true) && parse_dns(m, len, &d);
+        if (ok && (d.flags & 0x8000)) store(f, d);
     }
     return f->proto.dns.response_seen;
 }

@@ -416,7 +416,8 @@ verdict detect_tls(context &c) {
         }
     }
     if (!tls_feed(f, pv)) {
-        release_stream(f, pv.dir);
+        release_stream(f, kClient);
+        release_stream(f, kServer);
         if (f->partial_protocol == P_TLS) f->partial_protocol = 0;
         std::memset(&f->proto, 0, sizeof(f->proto));
         return verdict::no;

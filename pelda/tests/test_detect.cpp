@@ -256,7 +256,8 @@ TEST(Dns, QueryNameTypeAndReplyCode) {
         pt::hex("abcd 0100 0001 0000 0000 0000 03 777777 07 6578616d706c65 03 636f6d 00 001c 0001");
     const bytes reply =
         pt::hex("abcd 8183 0001 0000 0000 0000 03 777777 07 6578616d706c65 03 636f6d 00 001c 0001");
-    for (bool tcp : {false, true}) {
+    for (int mode : {0, 1, 2}) {  // UDP, TCP, TCP with the length in its own segment
+        bool tcp = mode > 0;
         for (uint16_t port : {53, 8053}) {
             pt::owned_module m;
             std::vector<pt::packet> pk;
@@ -267,15 +268,22 @@ TEST(Dns, QueryNameTypeAndReplyCode) {
                 bytes q = {0, uint8_t(query.size())}, r = {0, uint8_t(reply.size())};
                 q.insert(q.end(), query.begin(), query.end());
                 r.insert(r.end(), reply.begin(), reply.end());
-                c.client_sends(q);
-                c.server_sends(r);
+                if (mode == 2) {
+                    c.client_sends(slice(q, 0, 2));
+                    c.client_sends(query);
+                    c.server_sends(slice(r, 0, 2));
+                    c.server_sends(reply);
+                } else {
+                    c.client_sends(q);
+                    c.server_sends(r);
+                }
                 pk = c.packets;
             } else {
                 pk = {{pt::ipv6_udp(cl, sv, query), 1}, {pt::ipv6_udp(sv, cl, reply), 2}};
             }
             auto f = pt::drive(m, pk, extra());
             ASSERT_EQ(f.size(), 1u);
-            EXPECT_EQ(f[0].result.app_protocol, PELDA_PROTOCOL_DNS) << tcp << port;
+            EXPECT_EQ(f[0].result.app_protocol, PELDA_PROTOCOL_DNS) << mode << " " << port;
             EXPECT_EQ(f[0].fields.server_name, "www.example.com");
             EXPECT_EQ(f[0].fields.dns_query_type, 28);
             EXPECT_EQ(f[0].fields.dns_reply_code, 3);  // NXDOMAIN
