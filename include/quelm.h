@@ -277,6 +277,22 @@ typedef struct quelm_rules {
     uint8_t *shunt_category;      /* packet limit per category id */
 } quelm_rules;
 
+/* ---- Detection (L7) ---------------------------------------------------------------------------
+ */
+
+/* The detection engine's result for a flow, as the engine returns it (engine API revision 14778):
+ * master and application protocol ids (0 = unknown), category id, and state (3: the engine has
+ * nothing more to extract from the flow). The other bytes are the engine's own. */
+typedef struct quelm_dpi_result {
+    uint16_t master_protocol;
+    uint16_t app_protocol;
+    uint8_t engine_reserved0[20];
+    uint32_t category;
+    uint8_t engine_reserved1[20];
+    uint32_t state;
+    uint32_t engine_reserved2;
+} quelm_dpi_result;
+
 /* ---- Version ------------------------------------------------------------------------------- */
 
 /* Writes "9.5.0.261007" into buf (at least 13 bytes); returns 0x90500. */
@@ -328,6 +344,115 @@ QUELM_API void quelm_table_inc_active_flows(quelm_table *table, uint32_t count);
 QUELM_API void quelm_table_dec_active_flows(quelm_table *table, uint32_t count);
 /* Settles a flow that leaves the table (protocol guess, metadata, L7-detected callback). */
 QUELM_API void quelm_pre_export(quelm_table *table, quelm_flow *flow);
+
+/* ---- Detection binding ------------------------------------------------------------------------
+ */
+
+/* 1 when the detection engine is present in the process (its functions resolve). */
+QUELM_API int quelm_is_pelda_available(void);
+/* 0; a negative result would mean the binding cannot work. */
+QUELM_API int quelm_dpi_init(void);
+/* A detection handle (NULL when the engine is missing, of another API revision, or fails). */
+QUELM_API void *quelm_dpi_alloc(int guess_on_giveup);
+QUELM_API void quelm_dpi_free(void *pelda);
+QUELM_API uint32_t quelm_dpi_detection_get_sizeof_pelda_flow_struct(void);
+QUELM_API void quelm_dpi_free_flow(void *dpi_flow);
+QUELM_API quelm_dpi_result quelm_pelda_detection_process_packet(void *pelda, void *dpi_flow,
+                                                                const uint8_t *packet, uint32_t len,
+                                                                uint64_t time_ms);
+QUELM_API quelm_dpi_result quelm_dpi_giveup_and_guess(void *pelda, void *dpi_flow);
+/* Addresses in host order (0 for IPv6); dpi_flow may be NULL. */
+QUELM_API quelm_dpi_result quelm_dpi_guess_undetected_protocol(void *pelda, void *dpi_flow,
+                                                               uint8_t proto, uint32_t saddr,
+                                                               uint16_t sport, uint32_t daddr,
+                                                               uint16_t dport);
+/* 0 when unknown. */
+QUELM_API uint16_t quelm_dpi_get_protocol_id_by_name(void *pelda, const char *name);
+/* "MASTER.APP" or the single name into buf, or the constant "Unknown"; never free the result. */
+QUELM_API const char *quelm_dpi_get_protocol_name_by_id(void *pelda,
+                                                        const quelm_l7_protocol *protocol,
+                                                        char *buf, uint32_t buf_len);
+QUELM_API uint32_t quelm_dpi_get_num_supported_protocols(void *pelda);
+/* Always 164 (categories 0 to 163). */
+QUELM_API uint32_t quelm_dpi_get_num_supported_categories(void);
+/* Case-insensitive; -1 when unknown or without handle. */
+QUELM_API int quelm_dpi_get_category_id_by_name(void *pelda, const char *name);
+/* The name, or "Unknown", written into buf; returns buf. */
+QUELM_API char *quelm_dpi_get_category_name_by_id(void *pelda, uint32_t id, char *buf, int buf_len);
+/* 0 or more on success, negative on failure (the engine names the bad line on stderr). */
+QUELM_API int quelm_dpi_load_protocols(void *pelda, const char *path);
+QUELM_API int quelm_dpi_load_categories(void *pelda, const char *path);
+/* IPv4 address (host order) to the protocol of the longest matching custom network, or 0. */
+QUELM_API uint16_t quelm_dpi_network_ptree_match(void *pelda, uint32_t addr);
+QUELM_API void quelm_dpi_sha256(const void *data, size_t len, uint8_t out[32]);
+
+/* Table-level names and files (they use the table's handle). */
+QUELM_API const char *quelm_l7_protocol_name(quelm_table *table, const quelm_l7_protocol *protocol,
+                                             char *buf, uint32_t buf_len);
+QUELM_API uint16_t quelm_l7_protocol_id(quelm_table *table, const char *name);
+QUELM_API char *quelm_category_name(quelm_table *table, uint32_t id, char *buf, int buf_len);
+QUELM_API int quelm_category_id(quelm_table *table, const char *name);
+/* Loads further protocols and grows the rule tables; negative on failure, -1 without handle. */
+QUELM_API int quelm_load_pelda_protocols(quelm_table *table, const char *path);
+QUELM_API int quelm_load_pelda_categories(quelm_table *table, const char *path);
+/* Sizes the table's rule tables from the engine's protocol count: 0, or -1 out of memory. */
+QUELM_API int __quelm_table_pelda_update(quelm_table *table);
+/* Entries of one protocol-pair table; sets the table's protocol shift. */
+QUELM_API uint32_t __compute_protocol_filter_size(quelm_table *table);
+
+/* ---- Rules ------------------------------------------------------------------------------------
+ */
+
+/* Rules are set by engine name: a protocol ("HTTP"), a pair ("TLS.YouTube") or a category. They
+ * need the table's detection handle; refused names are reported only under quelm_debug() and leave
+ * the rules unchanged (read them back with quelm_get_rules). A value of 0 removes a rule. The
+ * __ forms write into a caller-owned rule set. */
+QUELM_API void __quelm_set_shunt_protocol_by_name(quelm_table *table, const char *name,
+                                                  uint8_t packets, quelm_rules *rules);
+QUELM_API void quelm_set_shunt_protocol_by_name(quelm_table *table, const char *name,
+                                                uint8_t packets);
+QUELM_API void __quelm_set_filter_protocol_by_name(quelm_table *table, const char *name,
+                                                   uint8_t action, quelm_rules *rules);
+QUELM_API void quelm_set_filter_protocol_by_name(quelm_table *table, const char *name,
+                                                 uint8_t action);
+QUELM_API void __quelm_set_shunt_category_by_name(quelm_table *table, const char *name,
+                                                  uint8_t packets, quelm_rules *rules);
+QUELM_API void quelm_set_shunt_category_by_name(quelm_table *table, const char *name,
+                                                uint8_t packets);
+QUELM_API void __quelm_set_filter_category_by_name(quelm_table *table, const char *name,
+                                                   uint8_t action, quelm_rules *rules);
+QUELM_API void quelm_set_filter_category_by_name(quelm_table *table, const char *name,
+                                                 uint8_t action);
+QUELM_API void quelm_set_filter_all_protocols(quelm_table *table, uint8_t action);
+QUELM_API void quelm_set_filter_all_categories(quelm_table *table, uint8_t action);
+/* The table's own rule set, to read back what the setters and loaders stored. */
+QUELM_API const quelm_rules *quelm_get_rules(quelm_table *table);
+
+/* ---- Configuration file -----------------------------------------------------------------------
+ */
+
+/* Reads filter and shunt rules and "global" settings from a rules file into the table: 0, or -1
+ * without detection handle or when the file cannot be opened. */
+QUELM_API int quelm_load_configuration(quelm_table *table, const char *path);
+/* Reads only the rules of the file into a caller-owned set, whose two protocol tables it
+ * allocates on first use (the caller frees them): 0, or -1. */
+QUELM_API int quelm_load_configuration_ext(quelm_table *table, const char *path,
+                                           quelm_rules *rules);
+typedef void (*quelm_conf_callback)(const char *section, const char *key, const char *value,
+                                    quelm_table *table, quelm_rules *rules);
+/* Calls cb once per key line in file order: 0, or -1 when the file cannot be opened. */
+QUELM_API int utils_configuration_file_iterator(const char *path, quelm_conf_callback cb,
+                                                quelm_table *table, quelm_rules *rules);
+QUELM_API void quelm_conf_rule_handler(const char *section, const char *key, const char *value,
+                                       quelm_table *table, quelm_rules *rules);
+/* Skips leading white space, cuts trailing white space in place. */
+QUELM_API char *utils_trim(char *str);
+QUELM_API char *utils_tolower(char *str);
+/* "default", "forward", "discard", "user_1", "user_2", "slice" (any case; lower-cases in place);
+ * anything else is QUELM_ACTION_DEFAULT. */
+QUELM_API quelm_action utils_string2action(char *str);
+/* Cuts a string at its first tab, line feed or carriage return. */
+QUELM_API char *utils_sanitize(char *str);
 
 /* ---- Packets and expiry -------------------------------------------------------------------- */
 

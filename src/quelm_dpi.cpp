@@ -3,6 +3,7 @@
 #include "quelm_dpi.h"
 
 #include <stdio.h>
+#include <string.h>
 #include <strings.h>
 
 // The engine is provided by the process that loads this library. Weak references keep the library
@@ -33,6 +34,11 @@ auto module(void *pelda) {
 }
 auto flow_object(void *dpi_flow) {
     return static_cast<pelda_flow *>(dpi_flow);
+}
+quelm_dpi_result result(const pelda_protocol &r) {
+    quelm_dpi_result out;
+    memcpy(&out, &r, sizeof out);
+    return out;
 }
 }  // namespace
 
@@ -75,15 +81,15 @@ void quelm_dpi_free_flow(void *dpi_flow) {
     pelda_free_flow(flow_object(dpi_flow));
 }
 
-pelda_protocol quelm_pelda_detection_process_packet(void *pelda, void *dpi_flow,
-                                                    const uint8_t *packet, uint32_t len,
-                                                    uint64_t time_ms) {
-    return pelda_detection_process_packet(module(pelda), flow_object(dpi_flow), packet, len,
-                                          time_ms, nullptr);
+quelm_dpi_result quelm_pelda_detection_process_packet(void *pelda, void *dpi_flow,
+                                                      const uint8_t *packet, uint32_t len,
+                                                      uint64_t time_ms) {
+    return result(pelda_detection_process_packet(module(pelda), flow_object(dpi_flow), packet, len,
+                                                 time_ms, nullptr));
 }
 
-pelda_protocol quelm_dpi_giveup_and_guess(void *pelda, void *dpi_flow) {
-    pelda_protocol r = pelda_detection_giveup(module(pelda), flow_object(dpi_flow));
+quelm_dpi_result quelm_dpi_giveup_and_guess(void *pelda, void *dpi_flow) {
+    quelm_dpi_result r = result(pelda_detection_giveup(module(pelda), flow_object(dpi_flow)));
     // A give-up that names only a master protocol takes the engine's own application id.
     if (r.app_protocol == 0 && r.master_protocol != 0 && dpi_flow != nullptr) {
         uint16_t app;
@@ -96,11 +102,11 @@ pelda_protocol quelm_dpi_giveup_and_guess(void *pelda, void *dpi_flow) {
     return r;
 }
 
-pelda_protocol quelm_dpi_guess_undetected_protocol(void *pelda, void *dpi_flow, uint8_t proto,
-                                                   uint32_t saddr, uint16_t sport, uint32_t daddr,
-                                                   uint16_t dport) {
-    return pelda_guess_undetected_protocol_v4(module(pelda), flow_object(dpi_flow), proto, saddr,
-                                              sport, daddr, dport);
+quelm_dpi_result quelm_dpi_guess_undetected_protocol(void *pelda, void *dpi_flow, uint8_t proto,
+                                                     uint32_t saddr, uint16_t sport, uint32_t daddr,
+                                                     uint16_t dport) {
+    return result(pelda_guess_undetected_protocol_v4(module(pelda), flow_object(dpi_flow), proto,
+                                                     saddr, sport, daddr, dport));
 }
 
 uint16_t quelm_dpi_get_protocol_id_by_name(void *pelda, const char *name) {

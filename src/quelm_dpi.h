@@ -22,31 +22,11 @@ inline constexpr size_t dns_query_type = 936;      // u16
 inline constexpr size_t tls_cert_sha1 = 1156;      // 20 bytes
 }  // namespace quelm::pelda_flow_offset
 
-extern "C" {
-QUELM_API int quelm_is_pelda_available(void);
-QUELM_API int quelm_dpi_init(void);
-QUELM_API void *quelm_dpi_alloc(int guess_on_giveup);
-QUELM_API void quelm_dpi_free(void *pelda);
-QUELM_API uint32_t quelm_dpi_detection_get_sizeof_pelda_flow_struct(void);
-QUELM_API void quelm_dpi_free_flow(void *dpi_flow);
-QUELM_API pelda_protocol quelm_pelda_detection_process_packet(void *pelda, void *dpi_flow,
-                                                              const uint8_t *packet, uint32_t len,
-                                                              uint64_t time_ms);
-QUELM_API pelda_protocol quelm_dpi_giveup_and_guess(void *pelda, void *dpi_flow);
-QUELM_API pelda_protocol quelm_dpi_guess_undetected_protocol(void *pelda, void *dpi_flow,
-                                                             uint8_t proto, uint32_t saddr,
-                                                             uint16_t sport, uint32_t daddr,
-                                                             uint16_t dport);
-QUELM_API uint16_t quelm_dpi_get_protocol_id_by_name(void *pelda, const char *name);
-QUELM_API const char *quelm_dpi_get_protocol_name_by_id(void *pelda,
-                                                        const quelm_l7_protocol *protocol,
-                                                        char *buf, uint32_t buf_len);
-QUELM_API uint32_t quelm_dpi_get_num_supported_protocols(void *pelda);
-QUELM_API uint32_t quelm_dpi_get_num_supported_categories(void);
-QUELM_API int quelm_dpi_get_category_id_by_name(void *pelda, const char *name);
-QUELM_API char *quelm_dpi_get_category_name_by_id(void *pelda, uint32_t id, char *buf, int buf_len);
-QUELM_API int quelm_dpi_load_protocols(void *pelda, const char *path);
-QUELM_API int quelm_dpi_load_categories(void *pelda, const char *path);
-QUELM_API uint16_t quelm_dpi_network_ptree_match(void *pelda, uint32_t addr);
-QUELM_API void quelm_dpi_sha256(const void *data, size_t len, uint8_t out[32]);
-}
+// The public result record mirrors the engine's by layout; the binding converts between them.
+static_assert(sizeof(quelm_dpi_result) == sizeof(pelda_protocol));
+static_assert(offsetof(quelm_dpi_result, master_protocol) ==
+              offsetof(pelda_protocol, master_protocol));
+static_assert(offsetof(quelm_dpi_result, app_protocol) == offsetof(pelda_protocol, app_protocol));
+static_assert(offsetof(quelm_dpi_result, category) == 24 &&
+              offsetof(pelda_protocol, category) == 24);
+static_assert(offsetof(quelm_dpi_result, state) == 48 && offsetof(pelda_protocol, state) == 48);

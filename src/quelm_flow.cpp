@@ -106,14 +106,14 @@ void release(quelm_flow *flow) {
 }
 
 // Ends detection once the count of a flow's packets passes the limit of its protocol.
-uint32_t detection_limit(const pelda_protocol &r, uint32_t limit) {
+uint32_t detection_limit(const quelm_dpi_result &r, uint32_t limit) {
     auto is = [&r](uint16_t id) { return r.master_protocol == id || r.app_protocol == id; };
     if (is(kProtoLongDissection)) return limit > 100 ? limit : 100;
     if (is(kProtoMediumDissection)) return limit > 20 ? limit : 20;
     return limit;
 }
 
-void store_pair(quelm_flow *flow, const pelda_protocol &r) {
+void store_pair(quelm_flow *flow, const quelm_dpi_result &r) {
     flow->value.l7_protocol.master_protocol = r.master_protocol;
     flow->value.l7_protocol.app_protocol = r.app_protocol;
 }
@@ -279,7 +279,7 @@ void quelm_flow_dpi_init(quelm_flow *flow, void *pelda) {
         return;
     }
     const bool v4 = k.ip_version == 4;
-    const pelda_protocol r =
+    const quelm_dpi_result r =
         quelm_dpi_guess_undetected_protocol(pelda, nullptr, k.protocol, v4 ? key_ipv4(k.saddr) : 0,
                                             k.sport, v4 ? key_ipv4(k.daddr) : 0, k.dport);
     flow->dpi_flow = nullptr;
@@ -299,7 +299,7 @@ void quelm_flow_dpi_run(uint16_t tcp_limit, uint16_t udp_limit, uint8_t extra_di
         const uint64_t ms = uint64_t(ts.tv_sec) * 1000 + uint64_t(ts.tv_usec) / 1000;
         const uint32_t caplen = packet->header->caplen;
         const uint32_t len = caplen > packet->l3_offset ? caplen - packet->l3_offset : 0;
-        const pelda_protocol r = quelm_pelda_detection_process_packet(
+        const quelm_dpi_result r = quelm_pelda_detection_process_packet(
             pelda, flow->dpi_flow, packet->data + packet->l3_offset, len, ms);
         if (r.master_protocol != 0 || r.app_protocol != 0) {
             store_pair(flow, r);
@@ -311,7 +311,7 @@ void quelm_flow_dpi_run(uint16_t tcp_limit, uint16_t udp_limit, uint8_t extra_di
         }
         if (total <= limit) return;
     }
-    const pelda_protocol r = quelm_dpi_giveup_and_guess(pelda, flow->dpi_flow);
+    const quelm_dpi_result r = quelm_dpi_giveup_and_guess(pelda, flow->dpi_flow);
     store_pair(flow, r);
     flow->value.l7_protocol.category = int32_t(r.category);
     flow->value.flags |= QUELM_FLOW_FLAG_L7_GUESSED;
@@ -322,7 +322,7 @@ void quelm_flow_dpi_guess(quelm_flow *flow, void *pelda, uint32_t allowed) {
     quelm_l7_protocol &p = flow->value.l7_protocol;
     const quelm_flow_key &k = flow->key;
     if (p.master_protocol != 0 || p.app_protocol != 0 || allowed == 0 || k.ip_version != 4) return;
-    const pelda_protocol r = quelm_dpi_guess_undetected_protocol(
+    const quelm_dpi_result r = quelm_dpi_guess_undetected_protocol(
         pelda, flow->dpi_flow, k.protocol, key_ipv4(k.saddr), k.sport, key_ipv4(k.daddr), k.dport);
     store_pair(flow, r);
     flow->value.flags |= QUELM_FLOW_FLAG_L7_GUESSED;

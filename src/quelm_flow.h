@@ -76,5 +76,4 @@ void quelm_flow_dpi_run(uint16_t tcp_limit, uint16_t udp_limit, uint8_t extra_di
 void quelm_flow_dpi_free(quelm_flow *flow);
 // Copies the protocol details of the engine's per-flow state into the flow, once.
 void quelm_flow_dpi_copy_metadata(quelm_flow *flow, uint16_t protocol_id);
-QUELM_API char *utils_sanitize(char *str);
 }

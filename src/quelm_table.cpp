@@ -2,8 +2,10 @@
 // verdict, housekeeping (expiry, settling, export) and flush.
 #include "quelm_table.h"
 
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <strings.h>
 
 #include "quelm_dpi.h"
 #include "quelm_export.h"
@@ -733,6 +735,239 @@ void quelm_flush(quelm_table *table) {
     quelm_hash_harvest_expired_flows(table, table->hash_v4, QUELM_HASH_FLUSH_TIME);
     quelm_hash_harvest_expired_flows(table, table->hash_v6, QUELM_HASH_FLUSH_TIME);
     quelm_export_flows(table);
+}
+
+}  // extern "C"
+
+// ---- Names, files and rules ------------------------------------------------------------------
+
+namespace {
+
+// Protocol index of an engine name ("HTTP") or pair ("TLS.YouTube"), or -1 (reported).
+int64_t protocol_index(quelm_table *table, const char *name) {
+    char copy[128];
+    snprintf(copy, sizeof copy, "%.127s", name);
+    uint32_t index;
+    if (char *dot = strchr(copy, '.')) {
+        *dot = '\0';
+        const uint16_t m = quelm_dpi_get_protocol_id_by_name(table->pelda, copy);
+        const uint16_t a = quelm_dpi_get_protocol_id_by_name(table->pelda, dot + 1);
+        if (m == 0 || a == 0)
+            index = 0;
+        else
+            index = uint32_t(m) << table->protocol_shift | a;
+    } else {
+        index = quelm_dpi_get_protocol_id_by_name(table->pelda, copy);
+    }
+    if (index == 0) {
+        if (quelm_debug_enabled) printf("[QUELM] Error: unknown protocol '%s'\n", name);
+        return -1;
+    }
+    return index;
+}
+
+enum class RuleKind { shunt, filter };
+
+void set_protocol_rule(quelm_table *table, const char *name, uint8_t value, quelm_rules *rules,
+                       RuleKind kind) {
+    if (table->pelda == nullptr) return;
+    const int64_t index = protocol_index(table, name);
+    if (index < 0) return;
+    if (uint64_t(index) >= rules->protocol_table_size) {
+        if (quelm_debug_enabled)
+            printf("[QUELM] Error: protocol '%s' #%d out of %d supported protocols\n", name,
+                   int(index), int(rules->protocol_table_size));
+        return;
+    }
+    if (kind == RuleKind::shunt) {
+        if (quelm_debug_enabled)
+            printf("[QUELM] Adding shunt rule (%u packets) for %s (%d)\n", value, name, int(index));
+        rules->shunt_protocol[index] = value;
+    } else {
+        if (quelm_debug_enabled) printf("[QUELM] Adding filter for %s (%d)\n", name, int(index));
+        rules->filter_protocol[index] = value;
+    }
+}
+
+void set_category_rule(quelm_table *table, const char *name, uint8_t value, quelm_rules *rules,
+                       RuleKind kind) {
+    // Without a handle a filter does nothing; a shunt reports the name as unknown.
+    if (table->pelda == nullptr && kind == RuleKind::filter) return;
+    const int id = quelm_dpi_get_category_id_by_name(table->pelda, name);
+    if (id < 0) {
+        if (quelm_debug_enabled) printf("[QUELM] Error: unknown category '%s'\n", name);
+        return;
+    }
+    if (uint32_t(id) >= rules->category_table_size) {
+        if (quelm_debug_enabled)
+            printf("[QUELM] Error: category '%s' #%d out of %d supported categories\n", name, id,
+                   int(rules->category_table_size));
+        return;
+    }
+    if (kind == RuleKind::shunt) {
+        if (quelm_debug_enabled)
+            printf("[QUELM] Adding shunt rule (%u packets) for category %s (%d)\n", value, name,
+                   id);
+        rules->shunt_category[id] = value;
+    } else {
+        if (quelm_debug_enabled) printf("[QUELM] Adding filter for category %s (%d)\n", name, id);
+        rules->filter_category[id] = value;
+    }
+}
+
+// A packet limit from a configuration value: decimal, capped at 255, stored as its low byte.
+uint8_t packets_value(const char *value) {
+    long n = strtol(value, nullptr, 10);
+    if (n > 255) n = 255;
+    return uint8_t(n);
+}
+
+}  // namespace
+
+extern "C" {
+
+const char *quelm_l7_protocol_name(quelm_table *table, const quelm_l7_protocol *protocol, char *buf,
+                                   uint32_t buf_len) {
+    return quelm_dpi_get_protocol_name_by_id(table->pelda, protocol, buf, buf_len);
+}
+
+uint16_t quelm_l7_protocol_id(quelm_table *table, const char *name) {
+    return quelm_dpi_get_protocol_id_by_name(table->pelda, name);
+}
+
+char *quelm_category_name(quelm_table *table, uint32_t id, char *buf, int buf_len) {
+    return quelm_dpi_get_category_name_by_id(table->pelda, id, buf, buf_len);
+}
+
+int quelm_category_id(quelm_table *table, const char *name) {
+    return quelm_dpi_get_category_id_by_name(table->pelda, name);
+}
+
+int quelm_load_pelda_protocols(quelm_table *table, const char *path) {
+    if (table->pelda == nullptr) return -1;
+    const int r = quelm_dpi_load_protocols(table->pelda, path);
+    if (r < 0) return r;
+    if (quelm_debug_enabled)
+        printf("[QUELM] The number of supported protocols is now %u\n",
+               quelm_dpi_get_num_supported_protocols(table->pelda));
+    return __quelm_table_pelda_update(table);
+}
+
+int quelm_load_pelda_categories(quelm_table *table, const char *path) {
+    if (table->pelda == nullptr) return -1;
+    return quelm_dpi_load_categories(table->pelda, path);
+}
+
+void __quelm_set_shunt_protocol_by_name(quelm_table *table, const char *name, uint8_t packets,
+                                        quelm_rules *rules) {
+    set_protocol_rule(table, name, packets, rules, RuleKind::shunt);
+}
+
+void quelm_set_shunt_protocol_by_name(quelm_table *table, const char *name, uint8_t packets) {
+    set_protocol_rule(table, name, packets, &table->rules, RuleKind::shunt);
+}
+
+void __quelm_set_filter_protocol_by_name(quelm_table *table, const char *name, uint8_t action,
+                                         quelm_rules *rules) {
+    set_protocol_rule(table, name, action, rules, RuleKind::filter);
+}
+
+void quelm_set_filter_protocol_by_name(quelm_table *table, const char *name, uint8_t action) {
+    set_protocol_rule(table, name, action, &table->rules, RuleKind::filter);
+}
+
+void __quelm_set_shunt_category_by_name(quelm_table *table, const char *name, uint8_t packets,
+                                        quelm_rules *rules) {
+    set_category_rule(table, name, packets, rules, RuleKind::shunt);
+}
+
+void quelm_set_shunt_category_by_name(quelm_table *table, const char *name, uint8_t packets) {
+    set_category_rule(table, name, packets, &table->rules, RuleKind::shunt);
+}
+
+void __quelm_set_filter_category_by_name(quelm_table *table, const char *name, uint8_t action,
+                                         quelm_rules *rules) {
+    set_category_rule(table, name, action, rules, RuleKind::filter);
+}
+
+void quelm_set_filter_category_by_name(quelm_table *table, const char *name, uint8_t action) {
+    set_category_rule(table, name, action, &table->rules, RuleKind::filter);
+}
+
+void quelm_set_filter_all_protocols(quelm_table *table, uint8_t action) {
+    if (table->pelda != nullptr && table->rules.filter_protocol != nullptr)
+        memset(table->rules.filter_protocol, action, table->rules.protocol_table_size);
+}
+
+void quelm_set_filter_all_categories(quelm_table *table, uint8_t action) {
+    if (table->pelda != nullptr && table->rules.filter_category != nullptr)
+        memset(table->rules.filter_category, action, table->rules.category_table_size);
+}
+
+const quelm_rules *quelm_get_rules(quelm_table *table) {
+    return &table->rules;
+}
+
+void quelm_conf_rule_handler(const char *section, const char *key, const char *value,
+                             quelm_table *table, quelm_rules *rules) {
+    quelm_rules *set = rules != nullptr ? rules : &table->rules;
+    if (quelm_debug_enabled) printf("[QUELM] Evaluating rule [%s] %s = %s\n", section, key, value);
+    if (strcasecmp(section, "shunt") == 0) {
+        const uint8_t packets = packets_value(value);
+        if (strcasecmp(key, "default") == 0)
+            set->shunt_default = packets;
+        else if (strcasecmp(key, "tcp") == 0)
+            set->shunt_tcp = packets;
+        else if (strcasecmp(key, "udp") == 0)
+            set->shunt_udp = packets;
+        else
+            __quelm_set_shunt_protocol_by_name(table, key, packets, set);
+    } else if (strcasecmp(section, "filter") == 0) {
+        char word[64];
+        snprintf(word, sizeof word, "%.63s", value);
+        __quelm_set_filter_protocol_by_name(table, key, utils_string2action(word), set);
+    } else if (strcasecmp(section, "global") == 0 && rules == nullptr) {
+        if (strcasecmp(key, "default") == 0) {
+            char word[64];
+            snprintf(word, sizeof word, "%.63s", value);
+            quelm_set_default_action(table, utils_string2action(word));
+        } else if (strcasecmp(key, "dpi_min_num_tcp_packets") == 0) {
+            table->dpi_min_num_tcp_packets = uint16_t(strtol(value, nullptr, 10));
+        } else if (strcasecmp(key, "dpi_min_num_udp_packets") == 0) {
+            table->dpi_min_num_udp_packets = uint16_t(strtol(value, nullptr, 10));
+        } else if (strcasecmp(key, "flow_idle_timeout") == 0) {
+            table->hash_v4->idle_timeout = uint32_t(strtol(value, nullptr, 10));
+            table->hash_v6->idle_timeout = uint32_t(strtol(value, nullptr, 10));
+        } else if (strcasecmp(key, "flow_lifetime_timeout") == 0) {
+            table->flow_lifetime_timeout = uint32_t(strtol(value, nullptr, 10));
+        }
+    }
+}
+
+int quelm_load_configuration(quelm_table *table, const char *path) {
+    if (table->pelda == nullptr) return -1;
+    return utils_configuration_file_iterator(path, quelm_conf_rule_handler, table, nullptr);
+}
+
+int quelm_load_configuration_ext(quelm_table *table, const char *path, quelm_rules *rules) {
+    if (table->pelda == nullptr) return -1;
+    if (rules->filter_protocol != nullptr && rules->shunt_protocol != nullptr) {
+        memset(rules->filter_protocol, 0, rules->protocol_table_size);
+        memset(rules->shunt_protocol, 0, rules->protocol_table_size);
+    } else {
+        const uint32_t size = __compute_protocol_filter_size(table);
+        rules->filter_protocol = static_cast<uint8_t *>(calloc(size, 1));
+        if (rules->filter_protocol == nullptr) return -1;
+        rules->shunt_protocol = static_cast<uint8_t *>(calloc(size, 1));
+        if (rules->shunt_protocol == nullptr) {
+            free(rules->filter_protocol);
+            rules->filter_protocol = nullptr;
+            return -1;
+        }
+        rules->protocol_table_size = size;
+    }
+    rules->shunt_default = rules->shunt_tcp = rules->shunt_udp = 0;
+    return utils_configuration_file_iterator(path, quelm_conf_rule_handler, table, rules);
 }
 
 }  // extern "C"

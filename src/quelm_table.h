@@ -46,12 +46,5 @@ struct quelm_table {
     quelm_export exporter;
 };
 
-extern "C" {
-// Rule tables sized from the engine's protocol count (0, or -1 when memory runs out), and the size
-// of one protocol-pair table (sets protocol_shift).
-QUELM_API int __quelm_table_pelda_update(quelm_table *table);
-QUELM_API uint32_t __compute_protocol_filter_size(quelm_table *table);
-}
-
 // Hands the flows that left both hashes to the export callbacks (or releases them).
 void quelm_export_flows(quelm_table *table);
