@@ -236,7 +236,7 @@ void FlowWriter::write(quelm_flow *flow) {
 
 // ---- Sink ------------------------------------------------------------------------------------
 
-OutputSink::OutputSink() : buffer_(kBufferSize) {}
+OutputSink::OutputSink() : buffer_(new char[kBufferSize]) {}
 
 OutputSink::~OutputSink() {
     close();
@@ -260,14 +260,14 @@ bool OutputSink::open(const std::string &path, std::string *error) {
 }
 
 char *OutputSink::reserve(size_t n) {
-    if (buffer_.size() - used_ < n && !flush()) return nullptr;
-    return buffer_.data() + used_;
+    if (kBufferSize - used_ < n && !flush()) return nullptr;
+    return buffer_.get() + used_;
 }
 
 bool OutputSink::flush() {
     size_t done = 0;
     while (error_ == 0 && done < used_) {
-        const ssize_t n = ::write(fd_, buffer_.data() + done, used_ - done);
+        const ssize_t n = ::write(fd_, buffer_.get() + done, used_ - done);
         if (n > 0)
             done += size_t(n);
         else if (n == 0)

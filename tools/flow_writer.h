@@ -8,7 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
-#include <vector>
+#include <memory>
 
 namespace quelm_tool {
 
@@ -41,7 +41,8 @@ class OutputSink {
     bool owns_fd_ = false;
     int error_ = 0;
     std::string name_;
-    std::vector<char> buffer_;
+    // Not zero-filled: pages are only touched when output reaches them.
+    std::unique_ptr<char[]> buffer_;
     size_t used_ = 0;
 };
 

@@ -73,7 +73,7 @@ void on_flow(quelm_flow *flow, void *user) noexcept {
 // What a read loop needs besides the packet path.
 struct Loop {
     Run &run;
-    const OutputSink &sink;
+    OutputSink &sink;
     ProgressLine &progress;
     uint64_t limit;  // 0: no packet limit
     bool limit_reached() const { return limit != 0 && run.packets >= limit; }
@@ -117,9 +117,13 @@ int capture_live(PacketSource &source, Loop &loop) {
             return kExitDataError;
         }
         if (n > 0 || fd < 0) continue;
+        // Someone may be watching the output: write what has ended before waiting.
+        loop.sink.flush();
         pollfd waiting = {fd, POLLIN, 0};
-        if (poll(&waiting, 1, kQuietMs) == 0)
+        if (poll(&waiting, 1, kQuietMs) == 0) {
             quelm_housekeeping(loop.run.table, uint32_t(time(nullptr)));
+            loop.sink.flush();
+        }
     }
     return kExitOk;
 }

@@ -1,0 +1,28 @@
+#!/usr/bin/env bash
+# Runs `quelm flows` over every capture of a folder, many of them malformed on purpose. Each run
+# must end with 0 (read) or 65 (damaged or unsupported input) and print no sanitizer report.
+# Usage: run_corpus.sh QUELM_BINARY FOLDER     (exit 77, "skipped", when the folder is absent)
+set -u
+tool=$1
+folder=$2
+if [[ ! -d $folder ]]; then
+    echo "skipped: no capture folder at $folder"
+    exit 77
+fi
+
+failures=0 total=0 damaged=0
+for capture in "$folder"/*; do
+    [[ -f $capture ]] || continue
+    total=$((total + 1))
+    # JSON, slices and tunnel decoding exercise the most code per capture.
+    report=$("$tool" flows -r "$capture" --format json --tunnels --slice 5 -w /dev/null 2>&1)
+    status=$?
+    if [[ $status -eq 65 ]]; then damaged=$((damaged + 1)); fi
+    if [[ $status -ne 0 && $status -ne 65 ]] || grep -q -e 'Sanitizer' -e 'runtime error' <<<"$report"; then
+        failures=$((failures + 1))
+        echo "FAILED (exit $status): $capture"
+        head -n 30 <<<"$report"
+    fi
+done
+echo "$total captures: $((total - damaged)) read, $damaged refused as damaged or unsupported, $failures failed"
+[[ $failures -eq 0 ]]

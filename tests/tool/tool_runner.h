@@ -1,0 +1,105 @@
+// Runs the built quelm binary as a child process, with standard output and error captured in files
+// of a scratch folder that lives as long as the runner.
+#pragma once
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "json_lite.h"
+
+extern char **environ;
+
+namespace quelm_test {
+
+struct ToolResult {
+    int exit_code = -1;  // 128 + signal number when the tool was killed
+    std::string out, err;
+
+    std::vector<std::string> lines() const {
+        std::vector<std::string> result;
+        std::istringstream in(out);
+        for (std::string line; std::getline(in, line);)
+            result.push_back(line);
+        return result;
+    }
+    // Every line parsed as JSON (a line that is not valid JSON throws).
+    std::vector<Json> records() const {
+        std::vector<Json> result;
+        for (const std::string &line : lines())
+            result.push_back(Json::parse(line));
+        return result;
+    }
+};
+
+class ToolRunner {
+  public:
+    ToolRunner() {
+        char name[] = "/tmp/quelm-tool-test-XXXXXX";
+        dir_ = mkdtemp(name);
+    }
+    ~ToolRunner() { std::filesystem::remove_all(dir_); }
+
+    std::string path(const std::string &name) const { return dir_ + "/" + name; }
+
+    // Starts the tool (or, with `wrapper`, the wrapper followed by the tool) and returns its pid.
+    // `stdout_fd` >= 0 replaces the output file.
+    pid_t start(const std::vector<std::string> &args, const std::string &stdin_path = "/dev/null",
+                int stdout_fd = -1, const std::vector<std::string> &wrapper = {}) const {
+        std::vector<std::string> all = wrapper;
+        all.push_back(QUELM_TOOL_PATH);
+        all.insert(all.end(), args.begin(), args.end());
+        std::vector<char *> argv;
+        for (std::string &a : all)
+            argv.push_back(a.data());
+        argv.push_back(nullptr);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 0, stdin_path.c_str(), O_RDONLY, 0);
+        if (stdout_fd >= 0)
+            posix_spawn_file_actions_adddup2(&actions, stdout_fd, 1);
+        else
+            posix_spawn_file_actions_addopen(&actions, 1, path("stdout").c_str(),
+                                             O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        posix_spawn_file_actions_addopen(&actions, 2, path("stderr").c_str(),
+                                         O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        pid_t pid = -1;
+        if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) pid = -1;
+        posix_spawn_file_actions_destroy(&actions);
+        return pid;
+    }
+
+    ToolResult finish(pid_t pid) const {
+        ToolResult r;
+        int status = 0;
+        if (pid > 0 && waitpid(pid, &status, 0) == pid)
+            r.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        r.out = read("stdout");
+        r.err = read("stderr");
+        return r;
+    }
+
+    ToolResult run(const std::vector<std::string> &args,
+                   const std::string &stdin_path = "/dev/null", int stdout_fd = -1) const {
+        return finish(start(args, stdin_path, stdout_fd));
+    }
+
+    std::string read(const std::string &name) const {
+        std::ifstream in(path(name), std::ios::binary);
+        std::ostringstream s;
+        s << in.rdbuf();
+        return s.str();
+    }
+
+  private:
+    std::string dir_;
+};
+
+}  // namespace quelm_test
