@@ -122,8 +122,12 @@ for cap in "${captures[@]}"; do
             row argus "$secs" "$packets" "$floor_pps" "$rss_kib"
     fi
     if [[ -n $quelm_rss && -n ${flows_in[$cap]:-} ]]; then
+        # All of the capture's flows at once is the most the table can hold; flows that expire
+        # before the end make the real share smaller.
         awk -v m="$quelm_rss" -v f="${flows_in[$cap]}" -v b="$flow_bytes" 'BEGIN {
-            printf "  quelm peak memory beyond %d flows x %d bytes: %.1f MiB\n", f, b, (m * 1024 - f * b) / 1048576 }'
+            share = f * b / 1048576; beyond = m / 1024 - share
+            printf "  quelm peak memory %.1f MiB; %d flows x %d bytes at most %.1f MiB; beyond: %s\n",
+                m / 1024, f, b, share, (beyond > 0 ? sprintf("%.1f MiB", beyond) : "none") }'
     fi
 done
 
