@@ -454,6 +454,52 @@ QUELM_API quelm_action utils_string2action(char *str);
 /* Cuts a string at its first tab, line feed or carriage return. */
 QUELM_API char *utils_sanitize(char *str);
 
+/* ---- Export to ZeroMQ collectors --------------------------------------------------------------
+ */
+
+/* Serialisation formats of flow records. */
+#define QUELM_EXPORT_FORMAT_TLV 1
+#define QUELM_EXPORT_FORMAT_JSON 2
+
+typedef struct quelm_export quelm_export;
+
+typedef struct quelm_zmq_stats {
+    uint32_t buffered_records; /* records in the batch not yet sent */
+    uint32_t num_flow_exports; /* records sent */
+    uint32_t num_flow_drops;   /* flows lost: queue full or a failed send */
+} quelm_zmq_stats;
+
+/* Sets up export: `endpoint` is a comma-separated list of ZeroMQ endpoints, connected to when
+ * `connect_mode` is non-zero (the collectors bind) or bound otherwise; `server_public_key` is the
+ * collector's CURVE public key in Z85 (NULL: a built-in key). Flow records are JSON when
+ * `use_json` is non-zero, else TLV. libzmq is loaded on first use; problems are reported on
+ * standard error and leave export off. Register quelm_zmq_export_flow as the flow export
+ * callback with the table as user pointer to route ended flows to the collectors. */
+QUELM_API void quelm_zmq_export_configure(quelm_table *table, const char *endpoint,
+                                          const char *server_public_key, uint8_t connect_mode,
+                                          uint8_t reserved, uint8_t use_json);
+/* Queues a flow for export (takes ownership); `table` is the quelm_table. */
+QUELM_API void quelm_zmq_export_flow(quelm_flow *flow, void *table);
+/* Sends a statistics record of the table, at most one every 3 seconds. */
+QUELM_API void quelm_zmq_export_stats(quelm_table *table, const char *if_name, uint16_t if_speed,
+                                      const char *if_ip, const char *probe_ip);
+QUELM_API void quelm_zmq_get_stats(quelm_table *table, quelm_zmq_stats *stats);
+
+/* The engine's serializer, wrapped (`serializer` is the engine's serializer object). */
+QUELM_API int quelm_serializer_init(void *serializer, uint32_t format);
+QUELM_API void quelm_serializer_reset(void *serializer);
+QUELM_API void quelm_serializer_term(void *serializer);
+QUELM_API char *quelm_serializer_get_buffer(void *serializer, uint32_t *len);
+QUELM_API int quelm_serialize_end_of_record(void *serializer);
+QUELM_API int quelm_serialize_uint32(void *serializer, uint32_t key, uint32_t value);
+QUELM_API int quelm_serialize_uint64(void *serializer, uint32_t key, uint64_t value);
+QUELM_API int quelm_serialize_string(void *serializer, uint32_t key, const char *value);
+QUELM_API int quelm_serialize_string_uint32(void *serializer, const char *key, uint32_t value);
+QUELM_API int quelm_serialize_string_uint64(void *serializer, const char *key, uint64_t value);
+QUELM_API int quelm_serialize_string_string(void *serializer, const char *key, const char *value);
+QUELM_API int quelm_serialize_start_of_block(void *serializer, const char *key);
+QUELM_API int quelm_serialize_end_of_block(void *serializer);
+
 /* ---- Packets and expiry -------------------------------------------------------------------- */
 
 /* Accounts one packet (starting at its Ethernet header; header->caplen bytes readable) and returns

@@ -27,10 +27,26 @@
 #pragma weak pelda_load_categories_file
 #pragma weak pelda_network_ptree_match
 #pragma weak pelda_sha256
+#pragma weak pelda_init_serializer
+#pragma weak pelda_reset_serializer
+#pragma weak pelda_term_serializer
+#pragma weak pelda_serializer_get_buffer
+#pragma weak pelda_serialize_end_of_record
+#pragma weak pelda_serialize_uint32_uint32
+#pragma weak pelda_serialize_uint32_uint64
+#pragma weak pelda_serialize_uint32_string
+#pragma weak pelda_serialize_string_uint32
+#pragma weak pelda_serialize_string_uint64
+#pragma weak pelda_serialize_string_string
+#pragma weak pelda_serialize_start_of_block
+#pragma weak pelda_serialize_end_of_block
 
 namespace {
 auto module(void *pelda) {
     return static_cast<pelda_detection_module *>(pelda);
+}
+bool detection_available() {
+    return pelda_get_api_version != nullptr && pelda_init_detection_module != nullptr;
 }
 auto flow_object(void *dpi_flow) {
     return static_cast<pelda_flow *>(dpi_flow);
@@ -45,7 +61,7 @@ quelm_dpi_result result(const pelda_protocol &r) {
 extern "C" {
 
 int quelm_is_pelda_available(void) {
-    return pelda_get_api_version != nullptr && pelda_init_detection_module != nullptr;
+    return detection_available() && pelda_init_serializer != nullptr;
 }
 
 int quelm_dpi_init(void) {
@@ -53,7 +69,7 @@ int quelm_dpi_init(void) {
 }
 
 void *quelm_dpi_alloc(int guess_on_giveup) {
-    if (quelm_dpi_init() < 0 || !quelm_is_pelda_available()) return nullptr;
+    if (quelm_dpi_init() < 0 || !detection_available()) return nullptr;
     const uint32_t revision = pelda_get_api_version() & 0xFFFF;
     if (revision != QUELM_PELDA_API_REVISION) {
         fprintf(stderr,
@@ -161,6 +177,60 @@ uint16_t quelm_dpi_network_ptree_match(void *pelda, uint32_t addr) {
 
 void quelm_dpi_sha256(const void *data, size_t len, uint8_t out[32]) {
     pelda_sha256(data, len, out);
+}
+
+}  // extern "C"
+
+// ---- Serializer ------------------------------------------------------------------------------
+// The engine's serializer builds the export records; each wrapper forwards its arguments.
+
+namespace {
+auto ser(void *s) {
+    return static_cast<pelda_serializer *>(s);
+}
+}  // namespace
+
+extern "C" {
+
+int quelm_serializer_init(void *s, uint32_t format) {
+    if (pelda_init_serializer == nullptr) return -1;
+    return pelda_init_serializer(ser(s), pelda_serialization_format(format));
+}
+void quelm_serializer_reset(void *s) {
+    pelda_reset_serializer(ser(s));
+}
+void quelm_serializer_term(void *s) {
+    pelda_term_serializer(ser(s));
+}
+char *quelm_serializer_get_buffer(void *s, uint32_t *len) {
+    return pelda_serializer_get_buffer(ser(s), len);
+}
+int quelm_serialize_end_of_record(void *s) {
+    return pelda_serialize_end_of_record(ser(s));
+}
+int quelm_serialize_uint32(void *s, uint32_t key, uint32_t value) {
+    return pelda_serialize_uint32_uint32(ser(s), key, value);
+}
+int quelm_serialize_uint64(void *s, uint32_t key, uint64_t value) {
+    return pelda_serialize_uint32_uint64(ser(s), key, value);
+}
+int quelm_serialize_string(void *s, uint32_t key, const char *value) {
+    return pelda_serialize_uint32_string(ser(s), key, value);
+}
+int quelm_serialize_string_uint32(void *s, const char *key, uint32_t value) {
+    return pelda_serialize_string_uint32(ser(s), key, value);
+}
+int quelm_serialize_string_uint64(void *s, const char *key, uint64_t value) {
+    return pelda_serialize_string_uint64(ser(s), key, value);
+}
+int quelm_serialize_string_string(void *s, const char *key, const char *value) {
+    return pelda_serialize_string_string(ser(s), key, value);
+}
+int quelm_serialize_start_of_block(void *s, const char *key) {
+    return pelda_serialize_start_of_block(ser(s), key);
+}
+int quelm_serialize_end_of_block(void *s) {
+    return pelda_serialize_end_of_block(ser(s));
 }
 
 }  // extern "C"

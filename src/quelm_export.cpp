@@ -1,15 +1,231 @@
-// Export queue. Until ZeroMQ export is configured the exporter is dormant: nothing is queued, so
-// draining and teardown have nothing to do.
+// Export queue and records. Flows handed to the exporter are queued (bounded), drained newest
+// first into a batch of serialised records, and every 16 records go out as one message. Every flow
+// given to the exporter is released exactly once: when its record is written, when it is dropped,
+// or at teardown.
 #include "quelm_export.h"
 
+#include <arpa/inet.h>
+#include <stdio.h>
+#include <string.h>
+
+#include "quelm_flow.h"
 #include "quelm_table.h"
 
-int quelm_export_process_queue(quelm_export *exporter, int force) {
-    (void)force;
-    if (!exporter->initialized) return 0;
+namespace {
+
+constexpr uint64_t kStatsIntervalMsec = 3000;
+constexpr const char *kDefaultProbeIp = "127.0.0.1";
+
+uint32_t key_ipv4(const uint8_t addr[16]) {
+    uint32_t v;
+    memcpy(&v, addr, sizeof v);
+    return v;
+}
+
+uint8_t version_byte(const pelda_serializer &s) {
+    return s.format == QUELM_EXPORT_FORMAT_JSON ? QUELM_ZMQ_VERSION_JSON : QUELM_ZMQ_VERSION_TLV;
+}
+
+uint64_t clamp_rate(double rate) {
+    return rate >= 4294967295.0 ? 4294967295u : uint64_t(uint32_t(rate));
+}
+
+}  // namespace
+
+void quelm_export_init(quelm_export *ex) {
+    if (ex->initialized || !quelm_is_pelda_available() || ex->zmq.endpoint == nullptr) return;
+    if (ex->format != QUELM_EXPORT_FORMAT_JSON) ex->format = QUELM_EXPORT_FORMAT_TLV;
+    if (!ex->serializer_initialized) {
+        if (quelm_serializer_init(&ex->serializer, ex->format) != 0) return;
+        ex->serializer_initialized = 1;
+    }
+    if (quelm_zmq_init(&ex->zmq) != 0) return;
+    // Flows queued while the exporter was dormant stay queued: they go out with the next drain.
+    ex->initialized = 1;
+}
+
+void quelm_export_enqueue_flow(quelm_export *ex, quelm_flow *flow) {
+    if (ex->queue_len > QUELM_EXPORT_QUEUE_MAX - 1) {
+        ex->num_flow_drops++;
+        quelm_flow_free(flow);
+        return;
+    }
+    quelm_list_append(&ex->queue, &flow->lru);
+    ex->queue_len++;
+}
+
+int quelm_export_process_queue(quelm_export *ex, int force) {
+    if (!ex->initialized || ex->queue.tail == nullptr) return 0;
+    const uint64_t now = utils_time_msec();
+    if (ex->last_dequeue_msec < now) ex->dequeue_budget = QUELM_EXPORT_DEQUEUE_BUDGET;
+    while (quelm_list_node *node = ex->queue.tail) {
+        if (!force && ex->dequeue_budget == 0) return 1;
+        ex->queue_len--;
+        ex->last_dequeue_msec = now;
+        if (ex->dequeue_budget > 0) ex->dequeue_budget--;
+        quelm_list_remove(&ex->queue, node);
+        quelm_export_process_flow(ex, node->owner);
+    }
     return 0;
 }
 
-void quelm_export_destroy(quelm_export *exporter) {
-    exporter->initialized = 0;
+void quelm_export_write_flow_record(void *s, quelm_flow *flow) {
+    const quelm_flow_key &k = flow->key;
+    const quelm_flow_value &v = flow->value;
+    char smac[18], dmac[18], src[48], dst[48], l7[24];
+    quelm_serialize_uint32(s, 58, k.vlan_id);
+    quelm_serialize_string(s, 56, utils_ethtoa(k.smac, smac));
+    quelm_serialize_string(s, 80, utils_ethtoa(k.dmac, dmac));
+    quelm_serialize_uint32(s, 60, k.ip_version);
+    if (k.ip_version == 4) {
+        quelm_serialize_string(s, 8, utils_intoav4(key_ipv4(k.saddr), src, sizeof src));
+        quelm_serialize_string(s, 12, utils_intoav4(key_ipv4(k.daddr), dst, sizeof dst));
+    } else {
+        quelm_serialize_string(s, 27, inet_ntop(AF_INET6, k.saddr, src, sizeof src));
+        quelm_serialize_string(s, 28, inet_ntop(AF_INET6, k.daddr, dst, sizeof dst));
+    }
+    quelm_serialize_uint64(s, 2, v.direction[0].pkts);
+    quelm_serialize_uint64(s, 1, v.direction[0].bytes);
+    quelm_serialize_uint64(s, 24, v.direction[1].pkts);
+    quelm_serialize_uint64(s, 23, v.direction[1].bytes);
+    quelm_serialize_uint32(s, 22, uint32_t(v.direction[0].first.tv_sec));
+    const int64_t last = v.direction[0].last.tv_sec > v.direction[1].last.tv_sec
+                             ? v.direction[0].last.tv_sec
+                             : v.direction[1].last.tv_sec;
+    quelm_serialize_uint32(s, 21, uint32_t(last));
+    quelm_serialize_uint32(s, 7, k.sport);
+    quelm_serialize_uint32(s, 11, k.dport);
+    quelm_serialize_uint32(s, 6, v.direction[0].tcp_flags);
+    quelm_serialize_uint32(s, 4, k.protocol);
+    quelm_serialize_uint32(s, 5, 0);
+    quelm_serialize_uint32(s, 10, v.direction[0].if_index);
+    quelm_serialize_uint32(s, 14, v.direction[1].if_index);
+    quelm_serialize_uint32(s, 300, v.direction[0].port_id);
+    snprintf(l7, sizeof l7, "%u.%u", v.l7_protocol.master_protocol, v.l7_protocol.app_protocol);
+    quelm_serialize_string_string(s, "47521.118", l7);
+}
+
+void quelm_export_process_flow(quelm_export *ex, quelm_flow *flow) {
+    if (!ex->initialized) {
+        quelm_export_init(ex);
+        if (!ex->initialized) return;  // the caller keeps the flow
+    }
+    if (ex->batch_records != 0) quelm_serialize_end_of_record(&ex->serializer);
+    quelm_export_write_flow_record(&ex->serializer, flow);
+    quelm_flow_free(flow);
+    if (++ex->batch_records > QUELM_EXPORT_BATCH_RECORDS - 1) quelm_export_flush(ex);
+}
+
+void quelm_export_flush(quelm_export *ex) {
+    if (ex->batch_records == 0) return;
+    uint32_t len = 0;
+    const char *batch = quelm_serializer_get_buffer(&ex->serializer, &len);
+    const bool json = ex->serializer.format == QUELM_EXPORT_FORMAT_JSON;
+    if (quelm_debug_enabled) printf("[QUELM][EXPORT][%u] %s\n", len, json ? batch : "(TLV)");
+    const int sent = len <= UINT16_MAX && batch != nullptr &&
+                     quelm_zmq_send(&ex->zmq, batch, uint16_t(len), QUELM_ZMQ_TOPIC_FLOW,
+                                    version_byte(ex->serializer));
+    (sent ? ex->num_flow_exports : ex->num_flow_drops) += ex->batch_records;
+    quelm_serializer_reset(&ex->serializer);
+    ex->batch_records = 0;
+}
+
+void quelm_export_destroy(quelm_export *ex) {
+    if (!ex->initialized) {
+        // Flows queued while the exporter never ran are released here, exactly once.
+        quelm_list_cleanup(&ex->queue);
+        ex->queue_len = 0;
+        if (ex->serializer_initialized) quelm_serializer_term(&ex->serializer);
+        ex->serializer_initialized = 0;
+        return;
+    }
+    quelm_export_process_queue(ex, 1);
+    quelm_export_flush(ex);
+    quelm_zmq_close(&ex->zmq);
+    quelm_serializer_term(&ex->serializer);
+    ex->initialized = 0;
+    ex->serializer_initialized = 0;
+}
+
+uint32_t quelm_export_source_id(const char *if_name, uint16_t if_speed, const char *if_ip,
+                                const char *probe_ip, uint32_t flow_lifetime_timeout,
+                                uint32_t flow_idle_timeout) {
+    uint32_t id = inet_addr(probe_ip);
+    char text[128];
+    // An absent interface address reads as empty text, so that equal inputs give equal ids.
+    snprintf(text, sizeof text, "%s-%u-%s-%s-%u-%u", if_name != nullptr ? if_name : "", if_speed,
+             if_ip != nullptr ? if_ip : "", probe_ip, flow_lifetime_timeout, flow_idle_timeout);
+    uint8_t digest[32];
+    quelm_dpi_sha256(text, strlen(text), digest);
+    for (uint32_t i = 0; i < 32; i++)
+        id += uint32_t(digest[i]) << (1 + i % 15);
+    return id;
+}
+
+void quelm_export_process_stats(quelm_export *ex, uint32_t flow_lifetime_timeout,
+                                uint32_t flow_idle_timeout, const char *if_name, uint16_t if_speed,
+                                const char *if_ip, const char *probe_ip, uint64_t packets,
+                                uint64_t bytes) {
+    // Without a running exporter there is no socket: nothing is built or sent.
+    if (!ex->initialized || ex->zmq.socket == nullptr) return;
+    const char *probe = probe_ip != nullptr ? probe_ip : kDefaultProbeIp;
+    const uint64_t now = utils_time_msec();
+    if (ex->stats_last_msec + kStatsIntervalMsec > now) return;
+    uint64_t bps = 0, pps = 0;
+    if (ex->stats_last_msec != 0) {
+        const double elapsed = double(now - ex->stats_last_msec);
+        pps = clamp_rate(double(packets - ex->stats_last_packets) * 1000 / elapsed);
+        bps = clamp_rate(double(bytes - ex->stats_last_bytes) * 8 * 1000 / elapsed);
+    }
+    const uint32_t source_id = quelm_export_source_id(if_name, if_speed, if_ip, probe,
+                                                      flow_lifetime_timeout, flow_idle_timeout);
+    pelda_serializer s{};
+    if (quelm_serializer_init(&s, QUELM_EXPORT_FORMAT_JSON) == 0) {
+        char version[32], time_text[48];
+        quelm_serialize_start_of_block(&s, "iface");
+        quelm_serialize_string_string(&s, "name", if_name != nullptr ? if_name : "");
+        quelm_serialize_string_uint32(&s, "speed", if_speed);
+        quelm_serialize_string_string(&s, "ip", if_ip != nullptr ? if_ip : "");
+        quelm_serialize_end_of_block(&s);
+        quelm_serialize_start_of_block(&s, "probe");
+        utils_read_version(version);
+        quelm_serialize_string_string(&s, "version", version);
+        quelm_serialize_string_string(&s, "osname", "Linux");
+        quelm_serialize_string_string(&s, "ip", probe);
+        quelm_serialize_string_uint32(&s, "unique_source_id", source_id);
+        quelm_serialize_end_of_block(&s);
+        snprintf(time_text, sizeof time_text, "%lu.%lu", (unsigned long)(now / 1000),
+                 (unsigned long)(now % 1000));
+        quelm_serialize_string_string(&s, "time", time_text);
+        quelm_serialize_string_uint64(&s, "bytes", bytes);
+        quelm_serialize_string_uint64(&s, "packets", packets);
+        quelm_serialize_start_of_block(&s, "avg");
+        quelm_serialize_string_uint64(&s, "bps", bps);
+        quelm_serialize_string_uint64(&s, "pps", pps);
+        quelm_serialize_end_of_block(&s);
+        quelm_serialize_start_of_block(&s, "drops");
+        quelm_serialize_string_uint64(&s, "export_queue_too_long", 0);
+        quelm_serialize_string_uint64(&s, "too_many_flows", 0);
+        quelm_serialize_end_of_block(&s);
+        quelm_serialize_start_of_block(&s, "timeout");
+        quelm_serialize_string_uint64(&s, "lifetime", flow_lifetime_timeout);
+        quelm_serialize_string_uint64(&s, "idle", flow_idle_timeout);
+        quelm_serialize_end_of_block(&s);
+        quelm_serialize_start_of_block(&s, "zmq");
+        quelm_serialize_string_uint64(&s, "num_flow_exports", ex->num_flow_exports);
+        quelm_serialize_string_uint64(&s, "num_flow_drops", ex->num_flow_drops);
+        quelm_serialize_string_uint64(&s, "num_exporters", 1);
+        quelm_serialize_end_of_block(&s);
+        uint32_t len = 0;
+        const char *text = quelm_serializer_get_buffer(&s, &len);
+        const size_t text_len = text != nullptr ? strnlen(text, len) : 0;
+        if (text_len != 0 && text_len <= UINT16_MAX)
+            quelm_zmq_send(&ex->zmq, text, uint16_t(text_len), QUELM_ZMQ_TOPIC_EVENT,
+                           QUELM_ZMQ_VERSION_JSON);
+        quelm_serializer_term(&s);
+    }
+    // A record that could not be built counts as sent: the next one is due in 3 seconds.
+    ex->stats_last_msec = now;
+    ex->stats_last_packets = packets;
+    ex->stats_last_bytes = bytes;
 }

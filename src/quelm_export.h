@@ -1,11 +1,48 @@
-// Export queue of flows leaving the table towards ZeroMQ collectors.
+// Export of ended flows to ZeroMQ collectors: a queue of flows, serialised in batches of records.
 #pragma once
 
+#include "pelda.h"
 #include "quelm.h"
+#include "quelm_zmq.h"
 
-struct quelm_export;
+inline constexpr uint32_t QUELM_EXPORT_QUEUE_MAX = 500000;
+inline constexpr uint32_t QUELM_EXPORT_FLUSH_THRESHOLD = 16;
+inline constexpr uint32_t QUELM_EXPORT_BATCH_RECORDS = 16;
+inline constexpr uint32_t QUELM_EXPORT_DEQUEUE_BUDGET = 100;
 
-// Drains the queue (all of it when `force`); 1 when flows remain because the budget ran out.
+struct quelm_export {
+    uint8_t initialized;             // serializer and transport up
+    uint8_t serializer_initialized;  // `serializer` created (at most once per exporter life)
+    uint32_t format;                 // QUELM_EXPORT_FORMAT_TLV or _JSON
+    quelm_list queue;                // flows waiting to be serialised
+    uint32_t queue_len;
+    uint64_t last_dequeue_msec;
+    uint32_t dequeue_budget;  // flows an unforced drain may still take this millisecond
+    quelm_zmq zmq;
+    pelda_serializer serializer;  // the batch being filled
+    uint32_t batch_records;
+    uint32_t num_flow_exports;
+    uint32_t num_flow_drops;
+    uint64_t stats_last_msec, stats_last_packets, stats_last_bytes;
+};
+
+void quelm_export_init(quelm_export *exporter);
+void quelm_export_enqueue_flow(quelm_export *exporter, quelm_flow *flow);
+// Drains the queue, newest first (all of it when `force`); 1 when flows remain because the
+// per-millisecond budget ran out.
 int quelm_export_process_queue(quelm_export *exporter, int force);
-// Sends what is queued and batched, then closes the transport.
+void quelm_export_process_flow(quelm_export *exporter, quelm_flow *flow);
+void quelm_export_flush(quelm_export *exporter);
+// Sends what is queued and batched, closes the transport; flows queued while the exporter never
+// ran are released.
 void quelm_export_destroy(quelm_export *exporter);
+void quelm_export_process_stats(quelm_export *exporter, uint32_t flow_lifetime_timeout,
+                                uint32_t flow_idle_timeout, const char *if_name, uint16_t if_speed,
+                                const char *if_ip, const char *probe_ip, uint64_t packets,
+                                uint64_t bytes);
+// Serialises one flow record into `serializer` (no separator).
+void quelm_export_write_flow_record(void *serializer, quelm_flow *flow);
+// The statistics record's source identity.
+uint32_t quelm_export_source_id(const char *if_name, uint16_t if_speed, const char *if_ip,
+                                const char *probe_ip, uint32_t flow_lifetime_timeout,
+                                uint32_t flow_idle_timeout);

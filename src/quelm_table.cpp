@@ -511,8 +511,8 @@ void quelm_destroy_table(quelm_table *table) {
     quelm_list_cleanup(&table->hash_v4->expired);
     quelm_hash_free(table->hash_v6);
     quelm_hash_free(table->hash_v4);
-    free(table->exporter.zmq_endpoint);
-    free(table->exporter.zmq_server_public_key);
+    free(table->exporter.zmq.endpoint);
+    free(table->exporter.zmq.server_public_key);
     free(table);
 }
 

@@ -2,13 +2,7 @@
 #pragma once
 
 #include "quelm.h"
-
-struct quelm_export {
-    // Filled by the export subsystem; a zero-filled exporter is dormant.
-    uint8_t initialized;
-    char *zmq_endpoint;
-    char *zmq_server_public_key;
-};
+#include "quelm_export.h"
 
 struct quelm_table {
     quelm_hash *hash_v4;
