@@ -125,6 +125,28 @@ void complete_detection(quelm_flow *flow) {
     quelm_flow_dpi_copy_metadata(flow, p.master_protocol);
 }
 
+// Appends text and decimal numbers to a fixed buffer large enough for any flow line.
+struct TextWriter {
+    char text[512];
+    size_t len = 0;
+    TextWriter &put(const char *s) {
+        while (*s != '\0' && len < sizeof text)
+            text[len++] = *s++;
+        return *this;
+    }
+    TextWriter &num(uint64_t n) {
+        char digits[20];
+        int i = 0;
+        do {
+            digits[i++] = char('0' + n % 10);
+            n /= 10;
+        } while (n != 0);
+        while (i > 0 && len < sizeof text)
+            text[len++] = digits[--i];
+        return *this;
+    }
+};
+
 }  // namespace
 
 extern "C" {
@@ -222,14 +244,22 @@ char *quelm_flow_print(quelm_flow *flow, char *buf, uint32_t size, void *pelda) 
     const uint32_t duration = uint32_t(last - quelm::flow_first_seen(flow));
     const char *l7 =
         quelm_dpi_get_protocol_name_by_id(pelda, &v.l7_protocol, proto_buf, sizeof proto_buf);
-    snprintf(buf, size,
-             "[%s] %s:%u <-> %s:%u [%llu/%llu bytes][%llu/%llu pkts][vlan %u][TCP flags: %u/%u]"
-             "[duration: %u sec][%s]",
-             utils_prototoa(k.protocol), src != nullptr ? src : "?", k.sport,
-             dst != nullptr ? dst : "?", k.dport, (unsigned long long)v.direction[0].bytes,
-             (unsigned long long)v.direction[1].bytes, (unsigned long long)v.direction[0].pkts,
-             (unsigned long long)v.direction[1].pkts, k.vlan_id, v.direction[0].tcp_flags,
-             v.direction[1].tcp_flags, duration, l7);
+
+    // Flows are printed once each, often by the hundred thousand: the line is assembled by hand
+    // rather than through printf, then cut to the caller's size as snprintf would.
+    TextWriter w;
+    w.put("[").put(utils_prototoa(k.protocol)).put("] ").put(src != nullptr ? src : "?");
+    w.put(":").num(k.sport).put(" <-> ").put(dst != nullptr ? dst : "?").put(":").num(k.dport);
+    w.put(" [").num(v.direction[0].bytes).put("/").num(v.direction[1].bytes).put(" bytes][");
+    w.num(v.direction[0].pkts).put("/").num(v.direction[1].pkts).put(" pkts][vlan ");
+    w.num(k.vlan_id).put("][TCP flags: ").num(v.direction[0].tcp_flags).put("/");
+    w.num(v.direction[1].tcp_flags).put("][duration: ").num(duration).put(" sec][").put(l7);
+    w.put("]");
+    if (size != 0) {
+        const size_t n = w.len < size - 1 ? w.len : size - 1;
+        memcpy(buf, w.text, n);
+        buf[n] = '\0';
+    }
     return buf;
 }
 

@@ -96,15 +96,10 @@ quelm_hash *quelm_hash_alloc(uint32_t size, uint32_t idle_timeout, uint32_t igno
 
 void quelm_hash_free(quelm_hash *hash) {
     if (hash == nullptr) return;
-    for (uint32_t i = 0; i < hash->num_buckets; i++) {
-        quelm_flow *f = hash->buckets[i];
-        while (f != nullptr) {
-            quelm_flow *next = f->next;
-            quelm_flow_free(f);
-            f = next;
-        }
-        hash->buckets[i] = nullptr;
-    }
+    // Every flow in the chains is on the recency list: walking it releases them without touching
+    // the bucket array, most of which a young or small table never wrote.
+    while (quelm_flow *f = quelm_list_pop_head(&hash->lru))
+        quelm_flow_free(f);
     free(hash->buckets);
     free(hash);
 }
