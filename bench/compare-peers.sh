@@ -126,8 +126,10 @@ for cap in "${captures[@]}"; do
         # before the end make the real share smaller.
         awk -v m="$quelm_rss" -v f="${flows_in[$cap]}" -v b="$flow_bytes" 'BEGIN {
             share = f * b / 1048576; beyond = m / 1024 - share
+            extra = "none"
+            if (beyond > 0) extra = sprintf("%.1f MiB", beyond)
             printf "  quelm peak memory %.1f MiB; %d flows x %d bytes at most %.1f MiB; beyond: %s\n",
-                m / 1024, f, b, share, (beyond > 0 ? sprintf("%.1f MiB", beyond) : "none") }'
+                m / 1024, f, b, share, extra }'
     fi
 done
 
