@@ -14,6 +14,7 @@ namespace {
 constexpr int kSnapLen = 262144;
 constexpr int kBufferTimeoutMs = 100;   // how long the kernel may hold packets back
 constexpr int kBufferBytes = 32 << 20;  // room for bursts while the tool is busy
+constexpr size_t kFileBufferBytes = 1 << 20;
 
 }  // namespace
 
@@ -42,6 +43,12 @@ std::unique_ptr<PacketSource> PacketSource::open_file(const std::string &path, s
         }
         if (S_ISREG(st.st_mode)) size = st.st_size;
     }
+    // libpcap reads through stdio; a large buffer turns many small reads into few large ones.
+    // (glibc ignores the size unless it is given the buffer.) It must outlive the FILE: standard
+    // input, which is never closed, gets one that lives as long as the process.
+    static char stdin_buffer[kFileBufferBytes];
+    std::unique_ptr<char[]> buffer(is_stdin ? nullptr : new char[kFileBufferBytes]);
+    setvbuf(file, is_stdin ? stdin_buffer : buffer.get(), _IOFBF, kFileBufferBytes);
     char errbuf[PCAP_ERRBUF_SIZE] = "";
     pcap_t *pcap =
         pcap_fopen_offline_with_tstamp_precision(file, PCAP_TSTAMP_PRECISION_MICRO, errbuf);
@@ -52,7 +59,9 @@ std::unique_ptr<PacketSource> PacketSource::open_file(const std::string &path, s
         *exit_code = kExitDataError;
         return nullptr;
     }
-    return std::unique_ptr<PacketSource>(new PacketSource(pcap, name, false, size));
+    std::unique_ptr<PacketSource> source(new PacketSource(pcap, name, false, size));
+    source->file_buffer_ = std::move(buffer);
+    return source;
 }
 
 std::unique_ptr<PacketSource> PacketSource::open_live(const std::string &interface,

@@ -40,7 +40,8 @@ class PacketSource {
     pcap_t *pcap_;
     std::string name_;
     bool live_;
-    long long size_;  // bytes of a regular file, else -1
+    long long size_;                       // bytes of a regular file, else -1
+    std::unique_ptr<char[]> file_buffer_;  // stdio buffer of the file; freed after pcap_close
 };
 
 }  // namespace quelm_tool
