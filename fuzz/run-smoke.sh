@@ -1,5 +1,5 @@
 #!/bin/sh
-# Builds the engine's fuzz targets with clang (libFuzzer + ASan + UBSan) and runs
+# Builds the fuzz targets of the engine and the flow table with clang (libFuzzer + ASan + UBSan) and runs
 # each for a short time, seeded from the shared capture corpus and fuzz/seeds.
 # Usage: fuzz/run-smoke.sh [SECONDS]   (default 20 s per target)
 # Environment: PELDA_FUZZ_BUILD (build dir, default build/pelda-fuzz under the
@@ -32,6 +32,14 @@ done
 for target in fuzz_packet fuzz_files fuzz_tlv; do
     $cxx $flags "$here/$target.cpp" $objs -o "$build/$target"
 done
+# The flow table, linked with the engine so that detection runs too.
+qobjs=""
+for src in "$root"/src/*.cpp; do
+    obj=$build/quelm_$(basename "$src" .cpp).o
+    $cxx $flags -fno-exceptions -fno-rtti -I"$root/include" -I"$root/src" -c "$src" -o "$obj"
+    qobjs="$qobjs $obj"
+done
+$cxx $flags -I"$root/include" "$here/fuzz_table.cpp" $qobjs $objs -o "$build/fuzz_table"
 
 run() {
     target=$1
@@ -54,6 +62,7 @@ else
     echo "run-smoke.sh: no capture corpus at $corpus; fuzz_packet starts from nothing" >&2
     run fuzz_packet
 fi
+run fuzz_table "$here/seeds/table"
 run fuzz_files "$here/seeds/files"
 run fuzz_tlv "$here/seeds/tlv"
 echo "run-smoke.sh: all targets ran clean"
