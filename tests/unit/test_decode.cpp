@@ -316,6 +316,9 @@ const Case kTunnelCases[] = {
      QUELM_FLAG_TUNNEL_DECODING},
 };
 
+// Test listings show a case by its name, not its bytes.
+void PrintTo(const Case &c, std::ostream *os) { *os << c.name; }
+
 class Decode : public ::testing::TestWithParam<Case> {};
 
 TEST_P(Decode, Fields) {
