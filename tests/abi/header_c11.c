@@ -33,10 +33,12 @@ int main(void) {
     /* This program does not link the detection engine: tables without detection work, and a
      * table that asks for detection is refused instead of crashing. */
     {
+        /* clang-format off */
         static const uint8_t frame[54] = {
             2, 0, 0, 0, 0, 2, 2, 0, 0, 0, 0, 1, 0x08, 0x00,              /* Ethernet */
             0x45, 0, 0, 40, 0, 1, 0, 0, 64, 6, 0, 0, 10, 0, 0, 1, 10, 0, 0, 2, /* IPv4 */
             0x9c, 0x40, 0, 80, 0, 0, 0, 1, 0, 0, 0, 0, 0x50, 0x02, 0xff, 0xff, 0, 0, 0, 0};
+        /* clang-format on */
         quelm_packet_header h = {{100, 0}, sizeof frame, sizeof frame};
         quelm_table *t = quelm_create_table(0, 64, 0, 0, 0);
         if (t == NULL) return 7;

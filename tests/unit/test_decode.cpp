@@ -317,7 +317,9 @@ const Case kTunnelCases[] = {
 };
 
 // Test listings show a case by its name, not its bytes.
-void PrintTo(const Case &c, std::ostream *os) { *os << c.name; }
+void PrintTo(const Case &c, std::ostream *os) {
+    *os << c.name;
+}
 
 class Decode : public ::testing::TestWithParam<Case> {};
 
