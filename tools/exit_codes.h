@@ -6,11 +6,13 @@ namespace quelm_tool {
 
 enum ExitCode : int {
     kExitOk = 0,
-    kExitUsage = 64,       // the command line is wrong
-    kExitDataError = 65,   // the input is corrupt, truncated or of a link type we cannot read
-    kExitNoInput = 66,     // an input file or interface cannot be opened
-    kExitNoMemory = 71,    // the flow table cannot be allocated
-    kExitOutputError = 74  // the output cannot be created or written
+    kExitUsage = 64,        // the command line is wrong
+    kExitDataError = 65,    // the input is corrupt, truncated or of a link type we cannot read
+    kExitNoInput = 66,      // an input file or interface cannot be opened
+    kExitUnavailable = 69,  // a library the command needs (engine, libzmq) is missing or unusable
+    kExitNoMemory = 71,     // the flow table cannot be allocated
+    kExitCantCreate = 73,   // a temporary file cannot be created
+    kExitOutputError = 74   // the output cannot be created or written
 };
 
 // The more serious of two outcomes; the first error wins among errors.

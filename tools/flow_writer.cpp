@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -54,10 +55,13 @@ class Out {
         }
         return *this;
     }
-    Out &str(const char *text) {
-        at_ += format_json_string(text, at_);
+    Out &str(const char *text, size_t max_len = SIZE_MAX) {
+        at_ += format_json_string(text, at_, max_len);
         return *this;
     }
+    Out &str(const std::string &text) { return str(text.c_str()); }
+    // A closing quote after a text that needs no escaping.
+    Out &str_raw(const char *text) { return raw(text, std::strlen(text)).ch('"'); }
     Out &time(const quelm_timeval &tv) {
         ch('"');
         at_ += format_timestamp(tv, at_);
@@ -147,29 +151,170 @@ size_t format_timestamp(const quelm_timeval &tv, char *out) {
     return 31;
 }
 
-size_t format_json_string(const char *text, char *out) {
+namespace {
+
+// Length of the valid UTF-8 sequence at `p` (at most `room` bytes), or 0 when there is none.
+size_t utf8_sequence(const unsigned char *p, size_t room) {
+    size_t n;
+    uint32_t min;
+    if (p[0] >= 0xC2 && p[0] <= 0xDF) {
+        n = 2, min = 0x80;
+    } else if (p[0] >= 0xE0 && p[0] <= 0xEF) {
+        n = 3, min = 0x800;
+    } else if (p[0] >= 0xF0 && p[0] <= 0xF4) {
+        n = 4, min = 0x10000;
+    } else {
+        return 0;
+    }
+    if (room < n) return 0;
+    uint32_t code = p[0] & (0x7F >> n);
+    for (size_t i = 1; i < n; i++) {
+        if ((p[i] & 0xC0) != 0x80) return 0;
+        code = code << 6 | (p[i] & 0x3F);
+    }
+    const bool surrogate = code >= 0xD800 && code <= 0xDFFF;
+    return code < min || code > 0x10FFFF || surrogate ? 0 : n;
+}
+
+}  // namespace
+
+size_t format_json_string(const char *text, char *out, size_t max_len) {
     static const char kHex[] = "0123456789abcdef";
+    const unsigned char *p = reinterpret_cast<const unsigned char *>(text);
+    const size_t len = strnlen(text, max_len);
     char *at = out;
     *at++ = '"';
-    for (const unsigned char *p = reinterpret_cast<const unsigned char *>(text); *p != 0; p++) {
-        const unsigned char c = *p;
+    for (size_t i = 0; i < len;) {
+        const unsigned char c = p[i];
         if (c == '"' || c == '\\') {
             *at++ = '\\';
             *at++ = char(c);
-        } else if (c < 0x20) {
+            i++;
+        } else if (c < 0x20 || c >= 0x80) {
+            const size_t n = c >= 0x80 ? utf8_sequence(p + i, len - i) : 0;
+            if (n != 0) {
+                std::memcpy(at, p + i, n);
+                at += n;
+                i += n;
+                continue;
+            }
             std::memcpy(at, "\\u00", 4);
             at[4] = kHex[c >> 4];
             at[5] = kHex[c & 15];
             at += 6;
+            i++;
         } else {
             *at++ = char(c);
+            i++;
         }
     }
     *at++ = '"';
     return size_t(at - out);
 }
 
-size_t format_json_flow(quelm_flow *flow, char *buffer) {
+std::string dns_type_name(uint16_t type) {
+    static const std::map<uint16_t, const char *> kTypes = {
+        {1, "A"},     {2, "NS"},    {5, "CNAME"},  {6, "SOA"},   {12, "PTR"},    {13, "HINFO"},
+        {15, "MX"},   {16, "TXT"},  {28, "AAAA"},  {33, "SRV"},  {35, "NAPTR"},  {39, "DNAME"},
+        {41, "OPT"},  {43, "DS"},   {46, "RRSIG"}, {47, "NSEC"}, {48, "DNSKEY"}, {50, "NSEC3"},
+        {52, "TLSA"}, {64, "SVCB"}, {65, "HTTPS"}, {99, "SPF"},  {251, "IXFR"},  {252, "AXFR"},
+        {255, "ANY"}, {257, "CAA"}};
+    const auto it = kTypes.find(type);
+    return it != kTypes.end() ? it->second : "TYPE" + std::to_string(type);
+}
+
+std::string dns_rcode_name(uint16_t rcode) {
+    static const char *const kCodes[] = {"NOERROR", "FORMERR", "SERVFAIL", "NXDOMAIN",
+                                         "NOTIMP",  "REFUSED", "YXDOMAIN", "YXRRSET",
+                                         "NXRRSET", "NOTAUTH", "NOTZONE"};
+    return rcode < std::size(kCodes) ? kCodes[rcode] : "RCODE" + std::to_string(rcode);
+}
+
+namespace {
+
+const char *action_name(quelm_action action) {
+    switch (action) {
+        case QUELM_ACTION_FORWARD:
+            return "forward";
+        case QUELM_ACTION_DISCARD:
+            return "discard";
+        case QUELM_ACTION_USER_1:
+            return "user_1";
+        case QUELM_ACTION_USER_2:
+            return "user_2";
+        case QUELM_ACTION_SLICE:
+            return "slice";
+        default:
+            return "default";
+    }
+}
+
+// The application-protocol fields: the protocol, its category and the details detection found.
+void write_l7(Out &o, quelm_flow *flow, quelm_table *table, bool answers_read) {
+    const quelm_flow_value &v = *quelm_flow_get_value(flow);
+    const quelm_l7_protocol &l7 = v.l7_protocol;
+    char name[64], category[64];
+    o.lit(",\"app_proto\":").str(quelm_l7_protocol_name(table, &l7, name, sizeof name));
+    o.lit(",\"app_proto_id\":[").u64(l7.master_protocol).ch(',').u64(l7.app_protocol).ch(']');
+    quelm_category_name(table, uint32_t(l7.category), category, sizeof category);
+    o.lit(",\"category\":").str(category);
+    if (v.flags & QUELM_FLOW_FLAG_L7_GUESSED)
+        o.lit(",\"l7_guessed\":true");
+    else
+        o.lit(",\"l7_guessed\":false");
+    // The details belong to the flow's protocol: the master's, else the application's.
+    const uint16_t id = l7.master_protocol != 0 ? l7.master_protocol : l7.app_protocol;
+    const quelm_flow_l7_metadata &md = v.l7_metadata;
+    if (id == 7 &&
+        (md.http.server_name != nullptr || md.http.url != nullptr || md.http.response_code != 0)) {
+        const char *sep = "";
+        o.lit(",\"http\":{");
+        if (md.http.server_name != nullptr) {
+            o.lit("\"hostname\":").str(md.http.server_name, kMaxNameLen);
+            sep = ",";
+        }
+        if (md.http.url != nullptr) {
+            o.raw(sep, std::strlen(sep)).lit("\"url\":").str(md.http.url, kMaxUrlLen);
+            sep = ",";
+        }
+        if (md.http.response_code != 0)
+            o.raw(sep, std::strlen(sep)).lit("\"status\":").u64(md.http.response_code);
+        o.ch('}');
+    } else if (id == 91 &&
+               (md.tls.server_name != nullptr || md.tls.certificate_fingerprint != nullptr)) {
+        const char *sep = "";
+        o.lit(",\"tls\":{");
+        if (md.tls.server_name != nullptr) {
+            o.lit("\"sni\":").str(md.tls.server_name, kMaxNameLen);
+            sep = ",";
+        }
+        if (md.tls.certificate_fingerprint != nullptr) {
+            o.raw(sep, std::strlen(sep)).lit("\"cert_sha1\":\"");
+            for (int i = 0; i < 20; i++)
+                o.hex8(md.tls.certificate_fingerprint[i]);
+            o.ch('"');
+        }
+        o.ch('}');
+    } else if (id == 5 && md.dns.query != nullptr) {
+        o.lit(",\"dns\":{\"rrname\":").str(md.dns.query, kMaxNameLen);
+        if (md.dns.query_type != 0) {
+            o.lit(",\"rrtype\":").str(dns_type_name(md.dns.query_type));
+            o.lit(",\"rrtype_id\":").u64(md.dns.query_type);
+        }
+        // Without answers read, 0 is "no reply seen" rather than NOERROR.
+        if (md.dns.reply_code != 0 || (answers_read && v.direction[1].pkts != 0)) {
+            o.lit(",\"rcode\":").str(dns_rcode_name(md.dns.reply_code));
+            o.lit(",\"rcode_id\":").u64(md.dns.reply_code);
+        }
+        o.ch('}');
+    }
+    const quelm_action action = quelm_flow_get_action(flow);
+    if (action != QUELM_ACTION_DEFAULT) o.lit(",\"action\":\"").str_raw(action_name(action));
+}
+
+}  // namespace
+
+size_t format_json_flow(quelm_flow *flow, quelm_table *table, bool answers_read, char *buffer) {
     const quelm_flow_key &k = *quelm_flow_get_key(flow);
     const quelm_flow_value &v = *quelm_flow_get_value(flow);
     const quelm_flow_dir_value &ts = v.direction[0];  // toserver: the first packet's sender
@@ -211,27 +356,64 @@ size_t format_json_flow(quelm_flow *flow, char *buffer) {
         o.lit("\",\"tcp_flags_ts\":\"").hex8(ts.tcp_flags);
         o.lit("\",\"tcp_flags_tc\":\"").hex8(tc.tcp_flags).lit("\"}");
     }
+    write_l7(o, flow, table, answers_read);
     o.lit("}\n");
     return o.size();
 }
 
-size_t format_text_flow(quelm_flow *flow, char *out) {
-    quelm_flow_print(flow, out, kMaxRecordLen - 1, nullptr);
+size_t format_text_flow(quelm_flow *flow, quelm_table *table, char *out) {
+    quelm_flow_print(flow, out, kMaxRecordLen - 1, quelm_get_pelda_handle(table));
     const size_t n = std::strlen(out);
     out[n] = '\n';
     return n + 1;
 }
 
 void FlowWriter::write(quelm_flow *flow) {
-    if (!sink_.failed()) {
-        char *at = sink_.reserve(kMaxRecordLen);
+    if (sink_ != nullptr && !sink_->failed()) {
+        char *at = sink_->reserve(kMaxRecordLen);
         if (at != nullptr)
-            sink_.commit(format_ == Format::kJson ? format_json_flow(flow, at)
-                                                  : format_text_flow(flow, at));
+            sink_->commit(format_ == Format::kJson
+                              ? format_json_flow(flow, table_, answers_read_, at)
+                              : format_text_flow(flow, table_, at));
     }
+    const quelm_flow_value &v = *quelm_flow_get_value(flow);
+    const bool slice = v.status == QUELM_FLOW_STATUS_SLICE;
     flows_++;
-    if (quelm_flow_get_value(flow)->status == QUELM_FLOW_STATUS_SLICE) slices_++;
-    quelm_flow_free(flow);
+    if (slice) slices_++;
+    if (count_protocols_) {
+        const quelm_l7_protocol &l7 = v.l7_protocol;
+        ProtocolTotals &t = protocols_[uint32_t(l7.master_protocol) << 16 | l7.app_protocol];
+        if (t.name.empty()) {
+            char name[64];
+            t.name = quelm_l7_protocol_name(table_, &l7, name, sizeof name);
+        }
+        if (!slice) t.flows++;
+        t.packets += v.direction[0].pkts + v.direction[1].pkts;
+        t.bytes += v.direction[0].bytes + v.direction[1].bytes;
+    }
+    if (export_)
+        quelm_zmq_export_flow(flow, table_);  // the exporter owns the flow from here
+    else
+        quelm_flow_free(flow);
+}
+
+std::vector<ProtocolTotals> FlowWriter::protocol_totals() const {
+    // Two pairs may share a name ("HTTP" alone and as its own master): merge them.
+    std::map<std::string, ProtocolTotals> by_name;
+    for (const auto &[id, t] : protocols_) {
+        ProtocolTotals &m = by_name[t.name];
+        m.name = t.name;
+        m.flows += t.flows;
+        m.packets += t.packets;
+        m.bytes += t.bytes;
+    }
+    std::vector<ProtocolTotals> result;
+    for (auto &[name, t] : by_name)
+        result.push_back(t);
+    std::stable_sort(
+        result.begin(), result.end(),
+        [](const ProtocolTotals &a, const ProtocolTotals &b) { return a.bytes > b.bytes; });
+    return result;
 }
 
 // ---- Sink ------------------------------------------------------------------------------------

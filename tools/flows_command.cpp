@@ -262,7 +262,8 @@ void add_output_options(CLI::App &command, FlowsOptions &o) {
         ->group(group);
     command
         .add_flag("--stats", o.stats,
-                  "At the end, print a summary on standard error: packets, bytes, flows, speed")
+                  "At the end, print a summary on standard error: packets, bytes, flows, speed, "
+                  "and the flows, packets and bytes of each application protocol")
         ->group(group);
     command
         .add_flag("--no-progress", o.no_progress,
@@ -279,18 +280,24 @@ CLI::App *add_flows_command(CLI::App &app, FlowsOptions &options) {
         "idle, too old, sliced, or at the end of the input");
     add_input_options(*command, options);
     add_table_options(*command, options);
+    add_detection_options(*command, options.detection);
     add_output_options(*command, options);
     command->footer(
         "Examples:\n"
         "  quelm flows -r capture.pcap                        one text line per flow\n"
         "  quelm flows -r capture.pcap --format json -w flows.json\n"
+        "  quelm flows -r capture.pcap --extra-dissection --format json   with HTTP status,\n"
+        "                                                     DNS reply codes, certificates\n"
+        "  quelm flows -r capture.pcap --rules rules.conf --stats   rules, protocol totals\n"
         "  quelm flows -r a.pcap -r b.pcapng tcp port 443     two files, HTTPS only\n"
         "  tcpdump -w - -i eth0 | quelm flows -r -            read from a pipe\n"
         "  quelm flows -i eth0 --idle 10 --stats              live; stop with Ctrl-C\n"
         "\n"
         "Exit status: 0 success, 64 wrong command line, 65 damaged or unsupported input (the "
-        "flows read before the damage are written), 66 input cannot be opened, 71 not enough "
-        "memory for the table, 74 output cannot be written.");
+        "flows read before the damage are written) or a bad rules, protocols or categories "
+        "file, 66 an input or rules file cannot be opened, 69 the detection engine is missing "
+        "(use --no-dpi), 71 not enough memory for the table, 73 no temporary file, 74 output "
+        "cannot be written.");
     return command;
 }
 
@@ -312,17 +319,30 @@ int run_flows(const FlowsOptions &o) {
         complain("%s", error.c_str());
         return kExitOutputError;
     }
-    const uint32_t flags = (o.ignore_vlan ? QUELM_FLAG_IGNORE_VLAN : 0) |
-                           (o.mac_in_key ? QUELM_FLAG_MAC_IN_KEY : 0) |
-                           (o.tunnels ? QUELM_FLAG_TUNNEL_DECODING : 0);
+    const uint32_t flags =
+        (o.ignore_vlan ? QUELM_FLAG_IGNORE_VLAN : 0) | (o.mac_in_key ? QUELM_FLAG_MAC_IN_KEY : 0) |
+        (o.tunnels ? QUELM_FLAG_TUNNEL_DECODING : 0) | detection_flags(o.detection);
     quelm_table *table = quelm_create_table(flags, o.max_flows, o.idle, o.lifetime, 0);
     if (table == nullptr) {
-        complain("not enough memory for a table of %u flows; lower --max-flows", o.max_flows);
-        return kExitNoMemory;
+        if (!o.detection.enabled) {
+            complain("not enough memory for a table of %u flows; lower --max-flows", o.max_flows);
+            return kExitNoMemory;
+        }
+        const int code = explain_failed_table("quelm flows", &error);
+        fprintf(stderr, "%s\n", error.c_str());
+        return code;
+    }
+    // The rules file's settings come before the command line's, which win.
+    const int configured = configure_detection(table, o.detection, "quelm flows");
+    if (configured != kExitOk) {
+        quelm_destroy_table(table);
+        return configured;
     }
     quelm_flow_set_flow_slicing(table, o.slice);
-    quelm_set_default_action(table, quelm_action(o.default_action));
-    FlowWriter writer(sink, o.format);
+    if (o.default_action != QUELM_ACTION_DEFAULT || o.detection.rules.empty())
+        quelm_set_default_action(table, quelm_action(o.default_action));
+    FlowWriter writer(&sink, o.format, table, o.detection.enabled && o.detection.extra_dissection);
+    writer.count_protocols(o.stats && o.detection.enabled);
     quelm_set_flow_export_callback(table, on_flow, &writer);
 
     install_stop_handlers();
@@ -396,6 +416,7 @@ int run_flows(const FlowsOptions &o) {
         summary.seconds = now_seconds() - started;
         summary.live = live;
         print_summary(stderr, summary);
+        if (o.detection.enabled) print_protocol_totals(stderr, writer.protocol_totals());
     }
     quelm_destroy_table(table);
     return exit_code;

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "detection.h"
 #include "flow_writer.h"
 
 namespace quelm_tool {
@@ -28,6 +29,7 @@ struct FlowsOptions {
     bool mac_in_key = false;
     bool tunnels = false;
     int default_action = 0;
+    DetectionOptions detection;
     // Output
     std::string output = "-";
     Format format = Format::kText;

@@ -7,13 +7,15 @@
 
 #include "exit_codes.h"
 #include "flows_command.h"
+#include "protocols_command.h"
 
 int main(int argc, char **argv) {
     char version[32];
     quelm_version(version);
     CLI::App app{
         "quelm: flow tracking for packet captures. It groups packets into flows (both directions "
-        "of a conversation) and reports each flow's packets, bytes, times and TCP flags.",
+        "of a conversation) and reports each flow's packets, bytes, times, TCP flags and "
+        "application protocol.",
         "quelm"};
     app.set_version_flag("--version", std::string("quelm ") + version);
     app.require_subcommand(1);
@@ -21,6 +23,8 @@ int main(int argc, char **argv) {
 
     quelm_tool::FlowsOptions flows_options;
     CLI::App *flows = quelm_tool::add_flows_command(app, flows_options);
+    quelm_tool::DetectionOptions protocols_options;
+    CLI::App *protocols = quelm_tool::add_protocols_command(app, protocols_options);
     if (argc < 2) {
         fputs(app.help().c_str(), stderr);
         return quelm_tool::kExitUsage;
@@ -32,5 +36,6 @@ int main(int argc, char **argv) {
         return app.exit(e) == 0 ? quelm_tool::kExitOk : quelm_tool::kExitUsage;
     }
     if (flows->parsed()) return quelm_tool::run_flows(flows_options);
+    if (protocols->parsed()) return quelm_tool::run_protocols(protocols_options);
     return quelm_tool::kExitUsage;
 }

@@ -71,4 +71,11 @@ void print_summary(FILE *out, const RunSummary &s) {
          s.seconds > 0 ? (unsigned long long)(double(s.packets) / s.seconds) : 0ULL);
 }
 
+void print_protocol_totals(FILE *out, const std::vector<ProtocolTotals> &totals) {
+    fprintf(out, "\n%-24s %12s %14s %16s\n", "application protocol", "flows", "packets", "bytes");
+    for (const ProtocolTotals &t : totals)
+        fprintf(out, "%-24s %12llu %14llu %16llu\n", t.name.c_str(), (unsigned long long)t.flows,
+                (unsigned long long)t.packets, (unsigned long long)t.bytes);
+}
+
 }  // namespace quelm_tool

@@ -6,6 +6,9 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <vector>
+
+#include "flow_writer.h"
 
 namespace quelm_tool {
 
@@ -42,5 +45,7 @@ struct RunSummary {
 };
 
 void print_summary(FILE *out, const RunSummary &s);
+// A table of flows, packets and bytes per application protocol, in the order given.
+void print_protocol_totals(FILE *out, const std::vector<ProtocolTotals> &totals);
 
 }  // namespace quelm_tool

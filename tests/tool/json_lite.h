@@ -95,7 +95,9 @@ struct Json {
                 case 'u': {
                     if (at + 4 > s.size()) fail(s, at);
                     const unsigned long code = std::stoul(s.substr(at, 4), nullptr, 16);
-                    if (code > 0x7F) fail(s, at);  // the tool only escapes control characters
+                    // The tool escapes control characters, and bytes that are not UTF-8 as
+                    // \u0080-\u00ff: read those back as the bytes they stand for.
+                    if (code > 0xFF) fail(s, at);
                     out += char(code);
                     at += 4;
                     break;

@@ -14,9 +14,9 @@ failures=0 total=0 damaged=0
 for capture in "$folder"/*; do
     [[ -f $capture ]] || continue
     total=$((total + 1))
-    # JSON, slices and tunnel decoding exercise the most code per capture; the captures are small,
-    # so a small table keeps each run short.
-    report=$("$tool" flows -r "$capture" --format json --tunnels --slice 5 --max-flows 4096 -w /dev/null 2>&1)
+    # JSON, slices, tunnel decoding and detection reading answers too exercise the most code per
+    # capture; the captures are small, so a small table keeps each run short.
+    report=$("$tool" flows -r "$capture" --format json --tunnels --slice 5 --extra-dissection --max-flows 4096 -w /dev/null 2>&1)
     status=$?
     if [[ $status -eq 65 ]]; then damaged=$((damaged + 1)); fi
     if [[ $status -ne 0 && $status -ne 65 ]] || grep -q -e 'Sanitizer' -e 'runtime error' <<<"$report"; then

@@ -115,6 +115,7 @@ TEST_F(FlowsTool, JsonRecordsCarryEveryFieldOfEachFlow) {
     EXPECT_EQ(vlan["vlan"].items[0].u64(), 100u);
 }
 
+// Detection guesses HTTP from the port of a flow without payload.
 TEST_F(FlowsTool, TextRecordsAreTheLibrarysLinePerFlow) {
     const ToolResult r = tool.run({"flows", "-r", capture("mixed.pcap", mixed_traffic())});
     ASSERT_EQ(r.exit_code, 0) << r.err;
@@ -122,7 +123,7 @@ TEST_F(FlowsTool, TextRecordsAreTheLibrarysLinePerFlow) {
     EXPECT_EQ(lines.size(), 4u);
     EXPECT_NE(std::find(lines.begin(), lines.end(),
                         "[TCP] 10.0.0.1:40000 <-> 10.0.0.2:80 [208/108 bytes][2/2 pkts][vlan 0]"
-                        "[TCP flags: 18/19][duration: 1 sec][Unknown]"),
+                        "[TCP flags: 18/19][duration: 1 sec][HTTP]"),
               lines.end())
         << r.out;
 }
