@@ -2,25 +2,28 @@
 // operations that flow creation and release call.
 #pragma once
 
+#include <stddef.h>
+
 #include "quelm.h"
 
+// Fields are ordered by use: the chain link and the key, which every lookup compares, come first;
+// the fields a found flow updates follow; those used when it leaves come last.
 struct quelm_flow {
     quelm_flow *next;  // bucket chain link
     quelm_flow_key key;
-    uint32_t hash_idx;   // bucket of its flow hash
-    uint32_t users;      // references; the record goes with the last one
-    quelm_flow *parent;  // a slice's live flow (holds one reference on it); null otherwise
+    uint32_t hash_idx;  // bucket of its flow hash
+    uint32_t users;     // references; the record goes with the last one
+    uint32_t dpi_done;  // detection has ended (set at once without an engine)
     uint64_t id;
+    uint32_t last_slice;  // packet second of the latest slice, 0 before the first
+    quelm_action action;
+    quelm_flow *parent;  // a slice's live flow (holds one reference on it); null otherwise
+    quelm_flow_value value;
     quelm_fragment_entry *fragment;  // entry mapping this flow's fragments, or null
     void *dpi_flow;                  // engine per-flow state, or null
-    uint32_t dpi_done;               // detection has ended (set at once without an engine)
-    quelm_action action;
-    quelm_list_node lru;  // recency list of its hash, or an export list
-    uint32_t last_slice;  // packet second of the latest slice, 0 before the first
-    quelm_flow_value value;
+    quelm_list_node lru;             // recency list of its hash, or an export list
     // The user area (the table's user_size bytes) follows the record in the same allocation.
 };
-
 // A record is a slice exactly when it holds a parent: a live flow that has been sliced shows the
 // slice status too, but has no parent and owns its engine state.
 inline bool quelm_flow_is_slice(const quelm_flow *flow) {

@@ -231,10 +231,8 @@ uint32_t quelm_hash_check_expired_flows(quelm_table *table, quelm_hash *hash, ui
         constexpr uint32_t kLookahead = 8;
         if (const quelm_flow *ahead =
                 hash->buckets[(hash->scan_cursor + kLookahead) & hash->mask]) {
-            const char *p = reinterpret_cast<const char *>(ahead);
-            __builtin_prefetch(p);
+            __builtin_prefetch(ahead);
             __builtin_prefetch(&ahead->value.direction[0].last);
-            __builtin_prefetch(&ahead->value.direction[1].last);
         }
         quelm_flow *f = hash->buckets[hash->scan_cursor];
         while (f != nullptr) {
