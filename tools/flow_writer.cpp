@@ -446,6 +446,18 @@ char *OutputSink::reserve(size_t n) {
     return buffer_.get() + used_;
 }
 
+void OutputSink::write(const char *data, size_t n) {
+    while (n != 0 && !failed()) {
+        const size_t piece = std::min(n, kBufferSize);
+        char *at = reserve(piece);
+        if (at == nullptr) return;
+        std::memcpy(at, data, piece);
+        commit(piece);
+        data += piece;
+        n -= piece;
+    }
+}
+
 bool OutputSink::flush() {
     size_t done = 0;
     while (error_ == 0 && done < used_) {

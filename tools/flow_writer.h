@@ -28,6 +28,8 @@ class OutputSink {
     // Room for `n` more bytes (flushing when needed); write at most `n` bytes there, then commit.
     char *reserve(size_t n);
     void commit(size_t n) { used_ += n; }
+    // Buffers `n` bytes (in pieces when they exceed the buffer).
+    void write(const char *data, size_t n);
     // Writes everything buffered. False once any write has failed.
     bool flush();
     // Flushes and closes a file opened by open(). False when anything failed.

@@ -75,7 +75,8 @@ struct Loop {
     Run &run;
     OutputSink &sink;
     ProgressLine &progress;
-    uint64_t limit;  // 0: no packet limit
+    uint64_t limit;           // 0: no packet limit
+    ExportSession *exporter;  // null without export
     bool limit_reached() const { return limit != 0 && run.packets >= limit; }
     int batch(int size) const {
         return limit == 0 ? size : int(std::min<uint64_t>(uint64_t(size), limit - run.packets));
@@ -97,6 +98,7 @@ int read_file(PacketSource &source, Loop &loop) {
         }
         loop.progress.update(source.fraction_read(), loop.run.packets,
                              quelm_get_stats(loop.run.table)->active_flows);
+        if (loop.exporter != nullptr) loop.exporter->tick();
     }
     return kExitOk;
 }
@@ -116,6 +118,7 @@ int capture_live(PacketSource &source, Loop &loop) {
             complain("capture on %s failed: %s", source.name().c_str(), pcap_geterr(pcap));
             return kExitDataError;
         }
+        if (loop.exporter != nullptr) loop.exporter->tick();
         if (n > 0 || fd < 0) continue;
         // Someone may be watching the output: write what has ended before waiting.
         loop.sink.flush();
@@ -248,8 +251,8 @@ void add_output_options(CLI::App &command, FlowsOptions &o) {
     const char *group = "Output";
     command
         .add_option("-w,--write", o.output,
-                    "Write the flow records to FILE instead of standard "
-                    "output")
+                    "Write the flow records to FILE instead of standard output ('-': standard "
+                    "output, e.g. as well as exporting them)")
         ->type_name("FILE")
         ->group(group);
     command
@@ -282,6 +285,7 @@ CLI::App *add_flows_command(CLI::App &app, FlowsOptions &options) {
     add_table_options(*command, options);
     add_detection_options(*command, options.detection);
     add_output_options(*command, options);
+    add_export_options(*command, options.zmq);
     command->footer(
         "Examples:\n"
         "  quelm flows -r capture.pcap                        one text line per flow\n"
@@ -289,6 +293,8 @@ CLI::App *add_flows_command(CLI::App &app, FlowsOptions &options) {
         "  quelm flows -r capture.pcap --extra-dissection --format json   with HTTP status,\n"
         "                                                     DNS reply codes, certificates\n"
         "  quelm flows -r capture.pcap --rules rules.conf --stats   rules, protocol totals\n"
+        "  quelm flows -r capture.pcap --zmq tcp://collector:5556 --zmq-connect \\\n"
+        "              --zmq-server-key @collector.pub         export to quelm collect\n"
         "  quelm flows -r a.pcap -r b.pcapng tcp port 443     two files, HTTPS only\n"
         "  tcpdump -w - -i eth0 | quelm flows -r -            read from a pipe\n"
         "  quelm flows -i eth0 --idle 10 --stats              live; stop with Ctrl-C\n"
@@ -296,8 +302,8 @@ CLI::App *add_flows_command(CLI::App &app, FlowsOptions &options) {
         "Exit status: 0 success, 64 wrong command line, 65 damaged or unsupported input (the "
         "flows read before the damage are written) or a bad rules, protocols or categories "
         "file, 66 an input or rules file cannot be opened, 69 the detection engine is missing "
-        "(use --no-dpi), 71 not enough memory for the table, 73 no temporary file, 74 output "
-        "cannot be written.");
+        "(use --no-dpi) or libzmq is missing (--zmq), 71 not enough memory for the table, 73 no "
+        "temporary file, 74 output cannot be written.");
     return command;
 }
 
@@ -314,8 +320,10 @@ int run_flows(const FlowsOptions &o) {
     int exit_code = kExitOk;
     if (!filter_expression(o, &filter, &exit_code)) return exit_code;
 
+    const bool exporting = !o.zmq.endpoints.empty();
+    const bool writing = !exporting || !o.output.empty();
     OutputSink sink;
-    if (!sink.open(o.output, &error)) {
+    if (writing && !sink.open(o.output, &error)) {
         complain("%s", error.c_str());
         return kExitOutputError;
     }
@@ -341,8 +349,19 @@ int run_flows(const FlowsOptions &o) {
     quelm_flow_set_flow_slicing(table, o.slice);
     if (o.default_action != QUELM_ACTION_DEFAULT || o.detection.rules.empty())
         quelm_set_default_action(table, quelm_action(o.default_action));
-    FlowWriter writer(&sink, o.format, table, o.detection.enabled && o.detection.extra_dissection);
+    ExportSession exporter;
+    if (exporting) {
+        const int started =
+            exporter.start(table, o.zmq, o.interface.empty() ? "file" : o.interface);
+        if (started != kExitOk) {
+            quelm_destroy_table(table);
+            return started;
+        }
+    }
+    FlowWriter writer(writing ? &sink : nullptr, o.format, table,
+                      o.detection.enabled && o.detection.extra_dissection);
     writer.count_protocols(o.stats && o.detection.enabled);
+    writer.hand_on_to_exporter(exporting);
     quelm_set_flow_export_callback(table, on_flow, &writer);
 
     install_stop_handlers();
@@ -352,7 +371,7 @@ int run_flows(const FlowsOptions &o) {
     const double started = now_seconds();
     Run run;
     run.table = table;
-    Loop loop{run, sink, progress, o.count};
+    Loop loop{run, sink, progress, o.count, exporting ? &exporter : nullptr};
 
     const bool live = !o.interface.empty();
     const std::vector<std::string> inputs = live ? std::vector<std::string>{o.interface} : o.files;
@@ -402,6 +421,7 @@ int run_flows(const FlowsOptions &o) {
     }
 
     quelm_flush(table);
+    if (exporting) exporter.finish();
     progress.clear();
     if (!sink.close()) {
         complain("cannot write to %s: %s", sink.name().c_str(), std::strerror(sink.error_number()));
@@ -416,6 +436,12 @@ int run_flows(const FlowsOptions &o) {
         summary.seconds = now_seconds() - started;
         summary.live = live;
         print_summary(stderr, summary);
+        if (exporting) {
+            quelm_zmq_stats zs;
+            quelm_zmq_get_stats(table, &zs);
+            fprintf(stderr, "%-20s %llu (%u dropped, the rest sent at exit)\n", "flows exported",
+                    (unsigned long long)writer.flows_written(), zs.num_flow_drops);
+        }
         if (o.detection.enabled) print_protocol_totals(stderr, writer.protocol_totals());
     }
     quelm_destroy_table(table);

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "detection.h"
+#include "export_setup.h"
 #include "flow_writer.h"
 
 namespace quelm_tool {
@@ -30,8 +31,9 @@ struct FlowsOptions {
     bool tunnels = false;
     int default_action = 0;
     DetectionOptions detection;
+    ExportOptions zmq;
     // Output
-    std::string output = "-";
+    std::string output;  // empty: standard output, unless the flows are exported
     Format format = Format::kText;
     bool stats = false;
     bool no_progress = false;

@@ -6,7 +6,9 @@
 #include <cstdio>
 
 #include "exit_codes.h"
+#include "collect_command.h"
 #include "flows_command.h"
+#include "keygen_command.h"
 #include "protocols_command.h"
 
 int main(int argc, char **argv) {
@@ -25,6 +27,10 @@ int main(int argc, char **argv) {
     CLI::App *flows = quelm_tool::add_flows_command(app, flows_options);
     quelm_tool::DetectionOptions protocols_options;
     CLI::App *protocols = quelm_tool::add_protocols_command(app, protocols_options);
+    quelm_tool::KeygenOptions keygen_options;
+    CLI::App *keygen = quelm_tool::add_keygen_command(app, keygen_options);
+    quelm_tool::CollectOptions collect_options;
+    CLI::App *collect = quelm_tool::add_collect_command(app, collect_options);
     if (argc < 2) {
         fputs(app.help().c_str(), stderr);
         return quelm_tool::kExitUsage;
@@ -37,5 +43,7 @@ int main(int argc, char **argv) {
     }
     if (flows->parsed()) return quelm_tool::run_flows(flows_options);
     if (protocols->parsed()) return quelm_tool::run_protocols(protocols_options);
+    if (keygen->parsed()) return quelm_tool::run_keygen(keygen_options);
+    if (collect->parsed()) return quelm_tool::run_collect(collect_options);
     return quelm_tool::kExitUsage;
 }

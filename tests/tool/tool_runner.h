@@ -56,6 +56,15 @@ class ToolRunner {
         std::vector<std::string> all = wrapper;
         all.push_back(QUELM_TOOL_PATH);
         all.insert(all.end(), args.begin(), args.end());
+        return spawn(all, stdin_path, stdout_fd);
+    }
+
+    // Any program, with the same files for its output.
+    ToolResult run_command(const std::vector<std::string> &argv) const {
+        return finish(spawn(argv, "/dev/null", -1));
+    }
+
+    pid_t spawn(std::vector<std::string> all, const std::string &stdin_path, int stdout_fd) const {
         std::vector<char *> argv;
         for (std::string &a : all)
             argv.push_back(a.data());

@@ -1,0 +1,496 @@
+#include "collect_command.h"
+
+#include <arpa/inet.h>
+#include <pelda.h>
+#include <quelm.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <map>
+
+#include "exit_codes.h"
+#include "flow_writer.h"
+#include "stop_signals.h"
+#include "zmq_api.h"
+
+namespace quelm_tool {
+namespace {
+
+constexpr size_t kHeaderLen = 24;
+constexpr uint8_t kVersionJson = 2, kVersionTlv = 3;
+constexpr int kPollMs = 200;
+constexpr int kReceiveHighWater = 100000;  // messages held before the socket drops
+constexpr uint64_t kReportedMalformed = 100;
+
+const std::map<std::string, const char *> kFlowFieldNames = {
+    {"58", "src_vlan"},        {"56", "in_src_mac"},
+    {"80", "in_dst_mac"},      {"60", "ip_protocol_version"},
+    {"8", "ipv4_src_addr"},    {"27", "ipv6_src_addr"},
+    {"12", "ipv4_dst_addr"},   {"28", "ipv6_dst_addr"},
+    {"2", "in_pkts"},          {"1", "in_bytes"},
+    {"24", "out_pkts"},        {"23", "out_bytes"},
+    {"22", "first_switched"},  {"21", "last_switched"},
+    {"7", "l4_src_port"},      {"11", "l4_dst_port"},
+    {"6", "tcp_flags"},        {"4", "protocol"},
+    {"5", "src_tos"},          {"10", "input_snmp"},
+    {"14", "output_snmp"},     {"300", "port_id"},  // the capture layer's source (port) identifier
+    {"47521.118", "l7_proto"},
+};
+
+JsonValue number_value(uint64_t n) {
+    JsonValue v;
+    v.type = JsonValue::Type::kNumber;
+    v.text = std::to_string(n);
+    return v;
+}
+
+JsonValue string_value(std::string s) {
+    JsonValue v;
+    v.type = JsonValue::Type::kString;
+    v.text = std::move(s);
+    return v;
+}
+
+// A TLV batch into records; false with a message when the batch is malformed.
+bool decode_tlv(const std::string &payload, std::vector<JsonValue> *records, std::string *problem) {
+    pelda_tlv_reader reader;
+    if (pelda_tlv_reader_init(&reader, payload.data(), uint32_t(payload.size())) != 0) {
+        *problem = "the payload is not a TLV batch of a known version";
+        return false;
+    }
+    records->assign(1, JsonValue());
+    records->back().type = JsonValue::Type::kObject;
+    std::vector<JsonValue *> open = {&records->back()};  // the record, then its open blocks
+    pelda_tlv_element e;
+    int rc;
+    while ((rc = pelda_tlv_reader_next(&reader, &e)) == 1) {
+        if (e.kind == PELDA_TLV_END_OF_RECORD) {
+            records->emplace_back();
+            records->back().type = JsonValue::Type::kObject;
+            open.assign(1, &records->back());
+            continue;
+        }
+        if (e.kind == PELDA_TLV_END_OF_BLOCK) {
+            if (open.size() > 1) open.pop_back();
+            continue;
+        }
+        std::string key = e.key_kind == PELDA_TLV_KEY_NUMBER ? std::to_string(e.key_number)
+                          : e.key_kind == PELDA_TLV_KEY_TEXT
+                              ? std::string(e.key_text, e.key_text_len)
+                              : std::string();
+        JsonValue value;
+        if (e.kind == PELDA_TLV_STRING) {
+            value = string_value(std::string(e.string, e.string_len));
+        } else if (e.kind == PELDA_TLV_UINT32 || e.kind == PELDA_TLV_UINT64) {
+            value = number_value(e.number);
+        } else {  // start of block
+            value.type = JsonValue::Type::kObject;
+        }
+        JsonValue *parent = open.back();
+        parent->fields.emplace_back(std::move(key), std::move(value));
+        if (e.kind == PELDA_TLV_START_OF_BLOCK) open.push_back(&parent->fields.back().second);
+    }
+    if (rc < 0) {
+        *problem = "the TLV batch is malformed (truncated, unknown element or bad nesting)";
+        return false;
+    }
+    if (open.size() != 1) {
+        *problem = "the TLV batch ends inside a block";
+        return false;
+    }
+    return true;
+}
+
+std::string builtin_protocol_name(const std::string &ids) {
+    // The engine's built-in names; protocols an exporter loaded from a file are not known here.
+    static void *engine = quelm_dpi_alloc(1);
+    unsigned master = 0, app = 0;
+    char dot = 0;
+    if (engine == nullptr || sscanf(ids.c_str(), "%u%c%u", &master, &dot, &app) != 3 ||
+        dot != '.' || master > 0xFFFF || app > 0xFFFF)
+        return "";
+    const quelm_l7_protocol l7 = {uint16_t(master), uint16_t(app), 0};
+    char name[64];
+    return quelm_dpi_get_protocol_name_by_id(engine, &l7, name, sizeof name);
+}
+
+std::string field_text(const JsonValue &record, const char *key) {
+    const JsonValue *v = record.find(key);
+    return v != nullptr ? v->text : "?";
+}
+
+// One line of --format text.
+std::string text_line(const JsonValue &named, bool stats) {
+    if (stats) {
+        std::string json;
+        write_json(named, &json);
+        return "stats " + json;
+    }
+    const bool v6 = named.find("ipv6_src_addr") != nullptr;
+    const std::string src = field_text(named, v6 ? "ipv6_src_addr" : "ipv4_src_addr");
+    const std::string dst = field_text(named, v6 ? "ipv6_dst_addr" : "ipv4_dst_addr");
+    std::string line = "flow " + src + ":" + field_text(named, "l4_src_port") + " -> " + dst + ":" +
+                       field_text(named, "l4_dst_port") + " proto " +
+                       field_text(named, "protocol") + " pkts " + field_text(named, "in_pkts") +
+                       "/" + field_text(named, "out_pkts") + " bytes " +
+                       field_text(named, "in_bytes") + "/" + field_text(named, "out_bytes");
+    const JsonValue *name = named.find("l7_proto_name");
+    line += " " + (name != nullptr ? name->text : field_text(named, "l7_proto"));
+    return line;
+}
+
+bool read_secret_key(const ZmqApi &zmq, const std::string &path, std::string *key,
+                     std::string *error) {
+    std::ifstream in(path);
+    if (!in) {
+        *error = "cannot open the secret key file '" + path + "'";
+        return false;
+    }
+    in >> *key;
+    if (!is_z85_key(zmq, *key)) {
+        *error = "'" + path +
+                 "' holds no CURVE secret key (40 characters of Z85); make one with quelm keygen";
+        return false;
+    }
+    return true;
+}
+
+class Collector {
+  public:
+    Collector(const ZmqApi &zmq, OutputSink &sink, bool text)
+        : zmq_(zmq), sink_(sink), text_(text) {}
+
+    void handle(const std::vector<std::string> &parts) {
+        messages_++;
+        DecodedMessage m = decode_message(parts);
+        if (m.counter_known) {
+            const uint32_t lost = counters_.see(m.counter);
+            if (counters_.restarted())
+                fprintf(stderr,
+                        "quelm collect: message counter went back to %u: an exporter restarted\n",
+                        m.counter);
+            if (lost != 0)
+                fprintf(stderr, "quelm collect: %u message%s lost before message %u\n", lost,
+                        lost == 1 ? "" : "s", m.counter);
+        }
+        if (!m.ok) {
+            if (++malformed_ <= kReportedMalformed)
+                fprintf(stderr, "quelm collect: malformed message %llu: %s%s\n",
+                        (unsigned long long)messages_, m.problem.c_str(),
+                        malformed_ == kReportedMalformed ? " (further ones are only counted)" : "");
+            return;
+        }
+        for (const JsonValue &record : m.records) {
+            JsonValue out;
+            if (m.stats) {
+                out.type = JsonValue::Type::kObject;
+                out.fields.emplace_back("event_type", string_value("stats"));
+                out.fields.insert(out.fields.end(), record.fields.begin(), record.fields.end());
+                stats_records_++;
+            } else {
+                out = name_flow_fields(record, builtin_protocol_name);
+                flow_records_++;
+            }
+            std::string line;
+            if (text_)
+                line = text_line(out, m.stats);
+            else
+                write_json(out, &line);
+            line += '\n';
+            sink_.write(line.data(), line.size());
+        }
+        sink_.flush();  // someone may be reading as records arrive
+    }
+
+    void summary() const {
+        fprintf(stderr,
+                "quelm collect: %llu messages, %llu flow records, %llu statistics records, %llu "
+                "messages lost, %llu malformed\n",
+                (unsigned long long)messages_, (unsigned long long)flow_records_,
+                (unsigned long long)stats_records_, (unsigned long long)counters_.lost(),
+                (unsigned long long)malformed_);
+    }
+
+  private:
+    const ZmqApi &zmq_;
+    OutputSink &sink_;
+    bool text_;
+    CounterTracker counters_;
+    uint64_t messages_ = 0, flow_records_ = 0, stats_records_ = 0, malformed_ = 0;
+};
+
+// Every part of the next message; false when none is waiting.
+bool receive_message(const ZmqApi &zmq, void *socket, std::vector<std::string> *parts) {
+    parts->clear();
+    for (;;) {
+        zmq_msg_t msg;
+        zmq.msg_init(&msg);
+        if (zmq.msg_recv(&msg, socket, parts->empty() ? ZMQ_DONTWAIT : 0) < 0) {
+            zmq.msg_close(&msg);
+            return !parts->empty();
+        }
+        parts->emplace_back(static_cast<const char *>(zmq.msg_data(&msg)), zmq.msg_size(&msg));
+        const bool more = zmq.msg_more(&msg) != 0;
+        zmq.msg_close(&msg);
+        if (!more) return true;
+    }
+}
+
+}  // namespace
+
+// ---- Decoding --------------------------------------------------------------------------------
+
+uint32_t CounterTracker::see(uint32_t counter) {
+    uint32_t lost = 0;
+    restarted_ = false;
+    // Counters start at 0: a first message with a later one means the earlier ones went missing
+    // (a collector that joined a running exporter, or was restarted).
+    if (!started_ && counter != 0) {
+        lost = counter;
+        lost_ += lost;
+    } else if (started_ && counter != expected_) {
+        if (counter > expected_) {
+            lost = counter - expected_;
+            lost_ += lost;
+        } else {
+            restarted_ = true;
+        }
+    }
+    started_ = true;
+    expected_ = counter + 1;
+    return lost;
+}
+
+DecodedMessage decode_message(const std::vector<std::string> &parts) {
+    DecodedMessage m;
+    // The counter first: a message that is malformed otherwise still tells what was sent.
+    if (!parts.empty() && parts[0].size() == kHeaderLen) {
+        uint32_t counter_be;
+        std::memcpy(&counter_be, parts[0].data() + 20, 4);
+        m.counter = ntohl(counter_be);
+        m.counter_known = true;
+    }
+    if (parts.size() != 2) {
+        m.problem = std::to_string(parts.size()) + " parts instead of 2 (header, payload)";
+        return m;
+    }
+    const std::string &header = parts[0], &payload = parts[1];
+    if (header.size() != kHeaderLen) {
+        m.problem = "a header of " + std::to_string(header.size()) + " bytes instead of 24";
+        return m;
+    }
+    const std::string topic(header.data(), strnlen(header.data(), 16));
+    if (header.find_first_not_of('\0', topic.size()) < 16) {
+        m.problem = "the topic is not zero-padded";
+        return m;
+    }
+    if (topic != "flow" && topic != "event") {
+        m.problem = "unknown topic '" + topic + "'";
+        return m;
+    }
+    m.stats = topic == "event";
+    // The size is in the exporter's byte order: either order must match the part's length.
+    uint16_t size;
+    std::memcpy(&size, header.data() + 18, 2);
+    if (size != payload.size() && ntohs(size) != payload.size()) {
+        m.problem = "the header's size " + std::to_string(size) + " is not the payload's " +
+                    std::to_string(payload.size()) + " bytes";
+        return m;
+    }
+    const uint8_t version = uint8_t(header[16]);
+    const bool looks_json = !payload.empty() && (payload[0] == '{' || payload[0] == '[');
+    if (version == kVersionJson) {
+        if (!looks_json) {
+            m.problem = "the version byte says JSON, the payload is not";
+            return m;
+        }
+        JsonValue batch;
+        std::string error;
+        if (!parse_json(payload.data(), payload.size(), &batch, &error)) {
+            m.problem = "bad JSON: " + error;
+            return m;
+        }
+        if (batch.type == JsonValue::Type::kObject) {
+            m.records.push_back(std::move(batch));
+        } else if (batch.type == JsonValue::Type::kArray && !m.stats) {
+            for (JsonValue &item : batch.items) {
+                if (item.type != JsonValue::Type::kObject) {
+                    m.problem = "a JSON batch holds something other than records";
+                    m.records.clear();
+                    return m;
+                }
+                m.records.push_back(std::move(item));
+            }
+        } else {
+            m.problem = "the JSON payload is not a record";
+            return m;
+        }
+    } else if (version == kVersionTlv) {
+        if (m.stats) {
+            m.problem = "a statistics record must be JSON (version 2)";
+            return m;
+        }
+        if (looks_json) {
+            m.problem = "the version byte says TLV, the payload is JSON";
+            return m;
+        }
+        if (!decode_tlv(payload, &m.records, &m.problem)) {
+            m.records.clear();
+            return m;
+        }
+    } else {
+        m.problem = "unknown version byte " + std::to_string(version);
+        return m;
+    }
+    m.ok = true;
+    return m;
+}
+
+JsonValue name_flow_fields(const JsonValue &record,
+                           std::string (*protocol_name)(const std::string &ids)) {
+    JsonValue out;
+    out.type = JsonValue::Type::kObject;
+    out.fields.emplace_back("event_type", string_value("flow"));
+    for (const auto &[key, value] : record.fields) {
+        const auto it = kFlowFieldNames.find(key);
+        out.fields.emplace_back(it != kFlowFieldNames.end() ? it->second : "field_" + key, value);
+        if (it != kFlowFieldNames.end() && key == "47521.118" && protocol_name != nullptr) {
+            const std::string name = protocol_name(value.text);
+            if (!name.empty()) out.fields.emplace_back("l7_proto_name", string_value(name));
+        }
+    }
+    return out;
+}
+
+// ---- The command -----------------------------------------------------------------------------
+
+CLI::App *add_collect_command(CLI::App &app, CollectOptions &o) {
+    CLI::App *command = app.add_subcommand(
+        "collect",
+        "Receive the flows that quelm flows --zmq exports: a CURVE server that writes one JSON "
+        "line per flow record (NetFlow field names) and per statistics record. Ctrl-C ends it "
+        "with a summary");
+    CLI::Option *bind = command
+                            ->add_option("--bind", o.bind,
+                                         "Listen on ENDPOINT[,ENDPOINT...] (the exporters "
+                                         "connect: quelm flows --zmq-connect), e.g. "
+                                         "tcp://*:5556")
+                            ->type_name("ENDPOINT");
+    CLI::Option *connect = command
+                               ->add_option("--connect", o.connect,
+                                            "Connect to ENDPOINT[,ENDPOINT...] (the exporters "
+                                            "bind: quelm flows without --zmq-connect)")
+                               ->type_name("ENDPOINT");
+    bind->excludes(connect);
+    command
+        ->add_option("--secret-key", o.secret_key,
+                     "The collector's CURVE secret key (Z85), as quelm keygen writes it; the "
+                     "exporters need its public key")
+        ->type_name("FILE")
+        ->required();
+    command->add_option("--format", o.text, "json (one object per line) or text")
+        ->type_name("FORMAT")
+        ->default_str("json")
+        ->transform(
+            CLI::CheckedTransformer(std::map<std::string, bool>{{"json", false}, {"text", true}},
+                                    CLI::ignore_case)
+                .description(""));
+    command
+        ->add_option("-w,--write", o.output, "Write the records to FILE (default: standard output)")
+        ->type_name("FILE");
+    command->footer(
+        "Checks: every message's topic, version byte (against the payload), size and counter; "
+        "gaps in the counter are reported as lost messages, malformed messages are counted and "
+        "reported.\nExit status: 0 success (also after SIGINT/SIGTERM), 64 wrong command line, 65 "
+        "a bad key file, 66 a key file or endpoint cannot be opened, 69 libzmq missing, 74 the "
+        "output cannot be written.");
+    return command;
+}
+
+int run_collect(const CollectOptions &o) {
+    const char *endpoints = !o.bind.empty() ? o.bind.c_str() : o.connect.c_str();
+    if (*endpoints == 0) {
+        fprintf(stderr,
+                "quelm collect: say where to listen (--bind ENDPOINT) or where exporters "
+                "listen (--connect ENDPOINT)\n");
+        return kExitUsage;
+    }
+    std::string error, secret;
+    const ZmqApi *zmq = load_zmq(&error);
+    if (zmq == nullptr) {
+        fprintf(stderr, "quelm collect: %s\n", error.c_str());
+        return kExitUnavailable;
+    }
+    if (!read_secret_key(*zmq, o.secret_key, &secret, &error)) {
+        fprintf(stderr, "quelm collect: %s\n", error.c_str());
+        return error.rfind("cannot open", 0) == 0 ? kExitNoInput : kExitDataError;
+    }
+    OutputSink sink;
+    if (!sink.open(o.output, &error)) {
+        fprintf(stderr, "quelm collect: %s\n", error.c_str());
+        return kExitOutputError;
+    }
+
+    void *context = zmq->ctx_new();
+    void *socket = context != nullptr ? zmq->socket(context, ZMQ_SUB) : nullptr;
+    if (socket == nullptr) {
+        fprintf(stderr, "quelm collect: libzmq cannot make a socket: %s\n",
+                zmq->strerror(zmq->errno_value()));
+        if (context != nullptr) zmq->ctx_term(context);
+        return kExitUnavailable;
+    }
+    const int server = 1, linger = 0, high_water = kReceiveHighWater;
+    int exit_code = kExitOk;
+    if (zmq->setsockopt(socket, ZMQ_CURVE_SERVER, &server, sizeof server) != 0 ||
+        zmq->setsockopt(socket, ZMQ_CURVE_SECRETKEY, secret.c_str(), secret.size() + 1) != 0) {
+        fprintf(stderr, "quelm collect: libzmq refuses the key: %s\n",
+                zmq->strerror(zmq->errno_value()));
+        exit_code = kExitUnavailable;
+    }
+    secret.assign(secret.size(), '\0');
+    zmq->setsockopt(socket, ZMQ_LINGER, &linger, sizeof linger);
+    zmq->setsockopt(socket, ZMQ_RCVHWM, &high_water, sizeof high_water);
+    zmq->setsockopt(socket, ZMQ_SUBSCRIBE, "flow", 4);
+    zmq->setsockopt(socket, ZMQ_SUBSCRIBE, "event", 5);
+    std::string list = endpoints;
+    for (size_t from = 0; exit_code == kExitOk && from <= list.size();) {
+        const size_t comma = std::min(list.find(',', from), list.size());
+        const std::string endpoint = list.substr(from, comma - from);
+        from = comma + 1;
+        const int rc = !o.bind.empty() ? zmq->bind(socket, endpoint.c_str())
+                                       : zmq->connect(socket, endpoint.c_str());
+        if (rc != 0) {
+            fprintf(stderr, "quelm collect: cannot %s %s: %s\n",
+                    !o.bind.empty() ? "listen on" : "connect to", endpoint.c_str(),
+                    zmq->strerror(zmq->errno_value()));
+            exit_code = kExitNoInput;
+        }
+    }
+
+    if (exit_code == kExitOk) {
+        install_stop_handlers();
+        fprintf(stderr, "quelm collect: %s %s; Ctrl-C ends\n",
+                !o.bind.empty() ? "listening on" : "connected to", endpoints);
+        Collector collector(*zmq, sink, o.text);
+        std::vector<std::string> parts;
+        zmq_pollitem_t item = {socket, 0, ZMQ_POLLIN, 0};
+        while (!stop_requested() && !sink.failed()) {
+            if (zmq->poll(&item, 1, kPollMs) <= 0) continue;  // timeout, or a signal (EINTR)
+            while (!stop_requested() && receive_message(*zmq, socket, &parts))
+                collector.handle(parts);
+        }
+        collector.summary();
+        if (!sink.close()) {
+            fprintf(stderr, "quelm collect: cannot write to %s: %s\n", sink.name().c_str(),
+                    std::strerror(sink.error_number()));
+            exit_code = kExitOutputError;
+        }
+    }
+    zmq->close(socket);
+    zmq->ctx_term(context);
+    return exit_code;
+}
+
+}  // namespace quelm_tool

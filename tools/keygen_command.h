@@ -1,0 +1,18 @@
+// `quelm keygen`: a CURVE key pair for a collector, as two Z85 text files.
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+#include <string>
+
+namespace quelm_tool {
+
+struct KeygenOptions {
+    std::string prefix = "quelm-collector";
+    bool force = false;
+};
+
+CLI::App *add_keygen_command(CLI::App &app, KeygenOptions &options);
+int run_keygen(const KeygenOptions &options);
+
+}  // namespace quelm_tool
