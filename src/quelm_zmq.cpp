@@ -14,8 +14,11 @@
 namespace {
 
 // libzmq's public constants.
-constexpr int kZmqPub = 1, kZmqSndMore = 2, kZmqSndBuf = 11, kZmqCurvePublicKey = 48,
-              kZmqCurveSecretKey = 49, kZmqCurveServerKey = 50;
+constexpr int kZmqPub = 1, kZmqSndMore = 2, kZmqSndBuf = 11, kZmqSndHwm = 23,
+              kZmqCurvePublicKey = 48, kZmqCurveSecretKey = 49, kZmqCurveServerKey = 50;
+// Messages the socket may hold for a subscriber: a whole export queue's worth of batches, so that
+// draining a full queue at once (a flush) does not overflow libzmq's default of 1000.
+constexpr int kSendHighWaterMark = QUELM_EXPORT_QUEUE_MAX / QUELM_EXPORT_BATCH_RECORDS + 1024;
 constexpr int kSendBufferBytes = 8 * 1024 * 1024;
 constexpr size_t kZ85KeyLen = 40;
 // How much of a payload a send-error message shows.
@@ -146,6 +149,8 @@ int quelm_zmq_init(quelm_zmq *zmq) {
             return fail(zmq, -3);
         }
     }
+    const int hwm = kSendHighWaterMark;
+    setopt(zmq, kZmqSndHwm, &hwm, sizeof hwm);
     if (zmq->connect_mode) {
         const int bytes = kSendBufferBytes;
         if (setopt(zmq, kZmqSndBuf, &bytes, sizeof bytes) != 0)

@@ -147,6 +147,10 @@ TEST_F(Export, TransportConnectsToEveryEndpointWithCurveKeys) {
     ASSERT_EQ(state().options[11].size(), sizeof sndbuf);
     memcpy(&sndbuf, state().options[11].data(), sizeof sndbuf);
     EXPECT_EQ(sndbuf, 8 * 1024 * 1024);
+    int hwm;
+    ASSERT_EQ(state().options[23].size(), sizeof hwm);
+    memcpy(&hwm, state().options[23].data(), sizeof hwm);
+    EXPECT_GE(hwm, 500000 / 16) << "room for a whole export queue drained at once";
 }
 
 TEST_F(Export, BindModeKeepsTheDefaultSendBufferAndSkipsBadEndpoints) {
