@@ -134,10 +134,10 @@ verdict greeting_protocol(context &c, bool want_smtp) {
     return o ? verdict::maybe : verdict::no;
 }
 
-}  // namespace
-
-verdict detect_smtp(context &c) {
-    verdict v = greeting_protocol(c, true);
+// SMTP and FTP both open with a 220 greeting; once one is named, the banner state starts with the
+// server's greeting line or the client's first command.
+verdict detect_greeting(context &c, bool want_smtp, const char *client_command) {
+    verdict v = greeting_protocol(c, want_smtp);
     if (v == verdict::yes) {
         std::memset(&c.flow->proto, 0, sizeof(c.flow->proto));
         const packet_view &pv = *c.pkt;
@@ -145,9 +145,15 @@ verdict detect_smtp(context &c) {
             copy_text(c.flow->proto.banner.server, sizeof(c.flow->proto.banner.server), pv.payload,
                       line_length(pv.payload, pv.len));
         else
-            remember_client_line(c.flow->proto.banner, pv.payload, pv.len, "EHLO ");
+            remember_client_line(c.flow->proto.banner, pv.payload, pv.len, client_command);
     }
     return v;
+}
+
+}  // namespace
+
+verdict detect_smtp(context &c) {
+    return detect_greeting(c, true, "EHLO ");
 }
 
 // The envelope comes within the first exchanges; after DATA, STARTTLS or QUIT
@@ -167,17 +173,7 @@ bool extract_smtp(context &c) {
 }
 
 verdict detect_ftp(context &c) {
-    verdict v = greeting_protocol(c, false);
-    if (v == verdict::yes) {
-        std::memset(&c.flow->proto, 0, sizeof(c.flow->proto));
-        const packet_view &pv = *c.pkt;
-        if (pv.dir == kServer)
-            copy_text(c.flow->proto.banner.server, sizeof(c.flow->proto.banner.server), pv.payload,
-                      line_length(pv.payload, pv.len));
-        else
-            remember_client_line(c.flow->proto.banner, pv.payload, pv.len, "USER ");
-    }
-    return v;
+    return detect_greeting(c, false, "USER ");
 }
 
 // The control channel announces data connections for the whole session, so it is
