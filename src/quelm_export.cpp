@@ -10,8 +10,11 @@
 
 #include "quelm_flow.h"
 #include "quelm_table.h"
+#include "quelm_wire.h"
 
 namespace {
+
+using namespace quelm::wire;
 
 constexpr uint64_t kStatsIntervalMsec = 3000;
 constexpr const char *kDefaultProbeIp = "127.0.0.1";
@@ -73,36 +76,36 @@ void quelm_export_write_flow_record(void *s, quelm_flow *flow) {
     const quelm_flow_key &k = flow->key;
     const quelm_flow_value &v = flow->value;
     char smac[18], dmac[18], src[48], dst[48], l7[24];
-    quelm_serialize_uint32(s, 58, k.vlan_id);
-    quelm_serialize_string(s, 56, utils_ethtoa(k.smac, smac));
-    quelm_serialize_string(s, 80, utils_ethtoa(k.dmac, dmac));
-    quelm_serialize_uint32(s, 60, k.ip_version);
+    quelm_serialize_uint32(s, kSrcVlan, k.vlan_id);
+    quelm_serialize_string(s, kInSrcMac, utils_ethtoa(k.smac, smac));
+    quelm_serialize_string(s, kInDstMac, utils_ethtoa(k.dmac, dmac));
+    quelm_serialize_uint32(s, kIpProtocolVersion, k.ip_version);
     if (k.ip_version == 4) {
-        quelm_serialize_string(s, 8, utils_intoav4(key_ipv4(k.saddr), src, sizeof src));
-        quelm_serialize_string(s, 12, utils_intoav4(key_ipv4(k.daddr), dst, sizeof dst));
+        quelm_serialize_string(s, kIpv4SrcAddr, utils_intoav4(key_ipv4(k.saddr), src, sizeof src));
+        quelm_serialize_string(s, kIpv4DstAddr, utils_intoav4(key_ipv4(k.daddr), dst, sizeof dst));
     } else {
-        quelm_serialize_string(s, 27, inet_ntop(AF_INET6, k.saddr, src, sizeof src));
-        quelm_serialize_string(s, 28, inet_ntop(AF_INET6, k.daddr, dst, sizeof dst));
+        quelm_serialize_string(s, kIpv6SrcAddr, inet_ntop(AF_INET6, k.saddr, src, sizeof src));
+        quelm_serialize_string(s, kIpv6DstAddr, inet_ntop(AF_INET6, k.daddr, dst, sizeof dst));
     }
-    quelm_serialize_uint64(s, 2, v.direction[0].pkts);
-    quelm_serialize_uint64(s, 1, v.direction[0].bytes);
-    quelm_serialize_uint64(s, 24, v.direction[1].pkts);
-    quelm_serialize_uint64(s, 23, v.direction[1].bytes);
-    quelm_serialize_uint32(s, 22, uint32_t(v.direction[0].first.tv_sec));
+    quelm_serialize_uint64(s, kInPkts, v.direction[0].pkts);
+    quelm_serialize_uint64(s, kInBytes, v.direction[0].bytes);
+    quelm_serialize_uint64(s, kOutPkts, v.direction[1].pkts);
+    quelm_serialize_uint64(s, kOutBytes, v.direction[1].bytes);
+    quelm_serialize_uint32(s, kFirstSwitched, uint32_t(v.direction[0].first.tv_sec));
     const int64_t last = v.direction[0].last.tv_sec > v.direction[1].last.tv_sec
                              ? v.direction[0].last.tv_sec
                              : v.direction[1].last.tv_sec;
-    quelm_serialize_uint32(s, 21, uint32_t(last));
-    quelm_serialize_uint32(s, 7, k.sport);
-    quelm_serialize_uint32(s, 11, k.dport);
-    quelm_serialize_uint32(s, 6, v.direction[0].tcp_flags);
-    quelm_serialize_uint32(s, 4, k.protocol);
-    quelm_serialize_uint32(s, 5, 0);
-    quelm_serialize_uint32(s, 10, v.direction[0].if_index);
-    quelm_serialize_uint32(s, 14, v.direction[1].if_index);
-    quelm_serialize_uint32(s, 300, v.direction[0].port_id);
+    quelm_serialize_uint32(s, kLastSwitched, uint32_t(last));
+    quelm_serialize_uint32(s, kL4SrcPort, k.sport);
+    quelm_serialize_uint32(s, kL4DstPort, k.dport);
+    quelm_serialize_uint32(s, kTcpFlags, v.direction[0].tcp_flags);
+    quelm_serialize_uint32(s, kProtocol, k.protocol);
+    quelm_serialize_uint32(s, kSrcTos, 0);
+    quelm_serialize_uint32(s, kInputSnmp, v.direction[0].if_index);
+    quelm_serialize_uint32(s, kOutputSnmp, v.direction[1].if_index);
+    quelm_serialize_uint32(s, kPortId, v.direction[0].port_id);
     snprintf(l7, sizeof l7, "%u.%u", v.l7_protocol.master_protocol, v.l7_protocol.app_protocol);
-    quelm_serialize_string_string(s, "47521.118", l7);
+    quelm_serialize_string_string(s, kL7ProtoKey, l7);
 }
 
 void quelm_export_process_flow(quelm_export *ex, quelm_flow *flow) {

@@ -5,6 +5,7 @@
 #include <pthread.h>
 
 #include "quelm.h"
+#include "quelm_wire.h"
 
 struct quelm_zmq {
     uint8_t connect_mode;   // connect to every endpoint (collectors bind); else bind
@@ -26,10 +27,11 @@ struct quelm_zmq_header {
     uint16_t size;    // payload length, host order
     uint32_t msg_id;  // big-endian
 };
-static_assert(sizeof(quelm_zmq_header) == 24);
+static_assert(sizeof(quelm_zmq_header) == quelm::wire::kHeaderLen);
 
 inline constexpr uint32_t QUELM_ZMQ_TOPIC_FLOW = 0, QUELM_ZMQ_TOPIC_EVENT = 1;
-inline constexpr uint8_t QUELM_ZMQ_VERSION_JSON = 2, QUELM_ZMQ_VERSION_TLV = 3;
+inline constexpr uint8_t QUELM_ZMQ_VERSION_JSON = quelm::wire::kVersionJson,
+                         QUELM_ZMQ_VERSION_TLV = quelm::wire::kVersionTlv;
 
 // 1 when libzmq and its nine functions are usable, -1 otherwise (decided once per process).
 int zmq_lib_init(void);
