@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "frame_builder.h"
+#include "packet_builder.h"
 #include "pelda_stub.h"
 #include "quelm_flow.h"
 #include "quelm_table.h"

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "fake_zmq.h"
-#include "frame_builder.h"
+#include "packet_builder.h"
 #include "quelm_export.h"
 #include "quelm_flow.h"
 #include "quelm_table.h"

@@ -10,7 +10,7 @@
 
 #include "capture_file.h"
 #include "flow_writer.h"
-#include "frame_builder.h"
+#include "packet_builder.h"
 #include "json_lite.h"
 #include "tool_runner.h"
 

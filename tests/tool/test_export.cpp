@@ -16,7 +16,7 @@
 
 #include "capture_file.h"
 #include "collect_command.h"
-#include "frame_builder.h"
+#include "packet_builder.h"
 #include "json_lite.h"
 #include "tool_runner.h"
 

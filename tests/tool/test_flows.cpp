@@ -8,7 +8,7 @@
 #include <set>
 
 #include "capture_file.h"
-#include "frame_builder.h"
+#include "packet_builder.h"
 #include "json_lite.h"
 #include "tool_runner.h"
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "frame_builder.h"
+#include "packet_builder.h"
 #include "quelm_table.h"
 
 namespace {

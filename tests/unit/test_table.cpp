@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "frame_builder.h"
+#include "packet_builder.h"
 #include "quelm_flow.h"
 #include "quelm_fragment_hash.h"
 #include "quelm_hash.h"

@@ -1,6 +1,7 @@
-// Frames assembled field by field for decoding and pipeline tests. Layers are appended outside-in;
-// each layer patches the type or protocol field of the one before it, and bytes() fills in the IP
-// and UDP lengths, so a test names only what it cares about.
+// The one packet builder of the tests, the engine's tests, the fuzz seeds and the benchmarks'
+// traffic: frames assembled field by field. Layers are appended outside-in; each layer patches the
+// type or protocol field of the one before it, and build() fills in the IP and UDP lengths, so a
+// caller names only what it cares about.
 #pragma once
 
 #include <arpa/inet.h>
@@ -8,6 +9,7 @@
 #include <array>
 #include <cstdint>
 #include <initializer_list>
+#include <string_view>
 #include <vector>
 
 namespace quelm_test {
@@ -91,12 +93,13 @@ class Frame {
         }
         return *this;
     }
-    Frame &tcp(uint16_t sport, uint16_t dport, uint8_t flags = 0x10, uint8_t data_offset = 5) {
+    Frame &tcp(uint16_t sport, uint16_t dport, uint8_t flags = 0x10, uint8_t data_offset = 5,
+               uint32_t seq = 1000, uint32_t ack = 2000) {
         ip_proto(6);
         put16(sport);
         put16(dport);
-        put32(1000);
-        put32(2000);
+        put32(seq);
+        put32(ack);
         put(uint8_t(data_offset << 4));
         put(flags);
         put16(65535);
@@ -131,6 +134,14 @@ class Frame {
         b_.insert(b_.end(), n, fill);
         return *this;
     }
+    Frame &payload(std::string_view text) {
+        b_.insert(b_.end(), text.begin(), text.end());
+        return *this;
+    }
+    Frame &payload(const std::vector<uint8_t> &data) {
+        b_.insert(b_.end(), data.begin(), data.end());
+        return *this;
+    }
     // The finished frame: IPv4 total lengths, IPv6 payload lengths and UDP lengths cover
     // everything behind their header.
     std::vector<uint8_t> build() const {
@@ -146,6 +157,12 @@ class Frame {
         for (size_t at : udp_)
             set16(out, at + 4, uint16_t(out.size() - at));
         return out;
+    }
+    // The finished packet from its first IP header on (for callers that strip the link layer).
+    std::vector<uint8_t> build_ip() const {
+        std::vector<uint8_t> out = build();
+        const size_t at = ip_.empty() ? 0 : ip_.front().at;
+        return std::vector<uint8_t>(out.begin() + long(at), out.end());
     }
     size_t size() const { return b_.size(); }
 
