@@ -250,6 +250,17 @@ typedef void (*quelm_flow_list_export_callback)(quelm_list *list, void *user);
 
 /* ---- Statistics ---------------------------------------------------------------------------- */
 
+/* Why a packet reached no flow. */
+typedef enum {
+    QUELM_NOT_DECODED_TOO_LONG = 0,   /* longer than 16,384 bytes, or headers beyond 64 KiB */
+    QUELM_NOT_DECODED_TRUNCATED = 1,  /* a header the capture cut short */
+    QUELM_NOT_DECODED_NOT_IP = 2,     /* no IPv4 or IPv6 behind the link layer */
+    QUELM_NOT_DECODED_BAD_HEADER = 3, /* an IP or transport header that cannot be valid */
+    QUELM_NOT_DECODED_FRAGMENT = 4,   /* a later IPv4 fragment, credited to its flow when known */
+    QUELM_NOT_DECODED_TOO_DEEP = 5,   /* encapsulations nested more than 8 deep */
+    QUELM_NOT_DECODED_REASONS = 6
+} quelm_not_decoded_reason;
+
 typedef struct quelm_stats {
     uint64_t active_flows;        /* flows in the table now */
     uint64_t total_flows;         /* flows created since the table was made */
@@ -259,6 +270,8 @@ typedef struct quelm_stats {
     uint64_t max_bucket_walk;     /* longest unsuccessful bucket walk of the two flow hashes */
     uint64_t packets;             /* packets given to quelm_process */
     uint64_t bytes;               /* sum of header.len + 24 over those packets */
+    /* Appended: packets_not_decoded by reason, indexed by quelm_not_decoded_reason. */
+    uint64_t not_decoded[8];
 } quelm_stats;
 
 /* ---- Rules --------------------------------------------------------------------------------- */

@@ -6,10 +6,11 @@
 
 #include <arpa/inet.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 
+#include "quelm_bytes.h"
 #include "quelm_flow.h"
-#include "quelm_table.h"
 #include "quelm_wire.h"
 
 namespace {
@@ -17,13 +18,14 @@ namespace {
 using namespace quelm::wire;
 
 constexpr uint64_t kStatsIntervalMsec = 3000;
+// Messages the socket may hold for a subscriber: a whole export queue's worth of batches, so that
+// draining a full queue at once (a flush) does not overflow libzmq's default of 1000.
+constexpr uint32_t kSendHighWaterMark = QUELM_EXPORT_QUEUE_MAX / QUELM_EXPORT_BATCH_RECORDS + 1024;
 constexpr const char *kDefaultProbeIp = "127.0.0.1";
+// The collector public key used when none is configured; only its holder can read the flows.
+constexpr const char *kBuiltinServerPublicKey = "Q7w.Fk2-Tz9m!xR4b^Lp8vN0c=Hs6yJe3Ud5aG1o";
 
-uint32_t key_ipv4(const uint8_t addr[16]) {
-    uint32_t v;
-    memcpy(&v, addr, sizeof v);
-    return v;
-}
+using quelm::key_ipv4;
 
 uint8_t version_byte(const pelda_serializer &s) {
     return s.format == QUELM_EXPORT_FORMAT_JSON ? QUELM_ZMQ_VERSION_JSON : QUELM_ZMQ_VERSION_TLV;
@@ -42,7 +44,7 @@ void quelm_export_init(quelm_export *ex) {
         if (quelm_serializer_init(&ex->serializer, ex->format) != 0) return;
         ex->serializer_initialized = 1;
     }
-    if (quelm_zmq_init(&ex->zmq) != 0) return;
+    if (quelm_zmq_init(&ex->zmq, kSendHighWaterMark) != 0) return;
     // Flows queued while the exporter was dormant stay queued: they go out with the next drain.
     ex->initialized = 1;
 }
@@ -231,4 +233,36 @@ void quelm_export_process_stats(quelm_export *ex, uint32_t flow_lifetime_timeout
     ex->stats_last_msec = now;
     ex->stats_last_packets = packets;
     ex->stats_last_bytes = bytes;
+}
+
+void quelm_export_configure(quelm_export *ex, const char *endpoint, const char *server_public_key,
+                            uint8_t connect_mode, uint8_t reserved, uint8_t use_json) {
+    quelm_zmq &zmq = ex->zmq;
+    free(zmq.endpoint);
+    free(zmq.server_public_key);
+    zmq.endpoint = endpoint != nullptr ? strdup(endpoint) : nullptr;
+    zmq.connect_mode = connect_mode;
+    zmq.reserved = reserved;
+    // CURVE is always in use: without a key, the built-in one (its secret is the collector's).
+    zmq.server_public_key =
+        strdup(server_public_key != nullptr ? server_public_key : kBuiltinServerPublicKey);
+    const uint32_t format = use_json ? QUELM_EXPORT_FORMAT_JSON : QUELM_EXPORT_FORMAT_TLV;
+    if (ex->initialized && ex->format != format) {
+        // A running exporter changes format between batches, so that every message's version
+        // byte describes its payload.
+        quelm_export_flush(ex);
+        quelm_serializer_term(&ex->serializer);
+        if (quelm_serializer_init(&ex->serializer, format) != 0) {
+            ex->initialized = 0;
+            ex->serializer_initialized = 0;
+            quelm_zmq_close(&zmq);
+        }
+    }
+    ex->format = format;
+    quelm_export_init(ex);
+}
+
+void quelm_export_take_flow(quelm_export *ex, quelm_flow *flow) {
+    quelm_export_enqueue_flow(ex, flow);
+    if (ex->queue_len >= QUELM_EXPORT_FLUSH_THRESHOLD) quelm_export_process_queue(ex, 1);
 }

@@ -27,6 +27,13 @@ struct quelm_export {
 };
 
 void quelm_export_init(quelm_export *exporter);
+// Sets the transport and format and starts the exporter; a running exporter sends its current
+// batch in the old format first.
+void quelm_export_configure(quelm_export *exporter, const char *endpoint,
+                            const char *server_public_key, uint8_t connect_mode, uint8_t reserved,
+                            uint8_t use_json);
+// Queues a flow the application hands over, draining the queue once it holds a batch's worth.
+void quelm_export_take_flow(quelm_export *exporter, quelm_flow *flow);
 void quelm_export_enqueue_flow(quelm_export *exporter, quelm_flow *flow);
 // Drains the queue, newest first (all of it when `force`); 1 when flows remain because the
 // per-millisecond budget ran out.

@@ -6,21 +6,20 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "quelm_bytes.h"
 #include "quelm_dpi.h"
 #include "quelm_fragment_hash.h"
 
 namespace {
 
-constexpr uint16_t kProtoDns = 5, kProtoHttp = 7, kProtoTls = 91;
-// Protocols whose metadata takes longer to appear keep extra dissection going longer.
-constexpr uint16_t kProtoLongDissection = 77, kProtoMediumDissection = 3;
+constexpr uint16_t kProtoDns = PELDA_PROTOCOL_DNS, kProtoHttp = PELDA_PROTOCOL_HTTP,
+                   kProtoTls = PELDA_PROTOCOL_TLS;
+// The engine's ids of FTP control and SMTP: their details come late in a conversation, so extra
+// dissection goes on longer for them.
+constexpr uint16_t kProtoFtpControl = 77, kProtoSmtp = 3;
 constexpr size_t kFingerprintLen = 20;
 
-uint32_t key_ipv4(const uint8_t addr[16]) {
-    uint32_t v;
-    memcpy(&v, addr, sizeof v);
-    return v;
-}
+using quelm::key_ipv4;
 
 template <typename T>
 T read_field(const void *object, size_t offset) {
@@ -108,8 +107,8 @@ void release(quelm_flow *flow) {
 // Ends detection once the count of a flow's packets passes the limit of its protocol.
 uint32_t detection_limit(const quelm_dpi_result &r, uint32_t limit) {
     auto is = [&r](uint16_t id) { return r.master_protocol == id || r.app_protocol == id; };
-    if (is(kProtoLongDissection)) return limit > 100 ? limit : 100;
-    if (is(kProtoMediumDissection)) return limit > 20 ? limit : 20;
+    if (is(kProtoFtpControl)) return limit > 100 ? limit : 100;
+    if (is(kProtoSmtp)) return limit > 20 ? limit : 20;
     return limit;
 }
 
@@ -148,6 +147,24 @@ struct TextWriter {
 };
 
 }  // namespace
+
+void quelm_fragment_entry_unlink_flow(quelm_fragment_entry *entry, quelm_flow *flow) {
+    if (entry->flow == flow) {
+        entry->flow = nullptr;
+        entry->owner = nullptr;
+        entry->expire = 0;
+    }
+    if (flow->fragment == entry) flow->fragment = nullptr;
+}
+
+void quelm_fragment_entry_bind_flow(quelm_fragment_entry *entry, quelm_flow *flow) {
+    if (flow->fragment != nullptr && flow->fragment != entry)
+        quelm_fragment_entry_unlink_flow(flow->fragment, flow);
+    entry->flow_id = flow->id;
+    entry->flow = flow;
+    entry->owner = &flow->fragment;
+    flow->fragment = entry;
+}
 
 extern "C" {
 

@@ -80,3 +80,10 @@ void quelm_flow_dpi_free(quelm_flow *flow);
 // Copies the protocol details of the engine's per-flow state into the flow, once.
 void quelm_flow_dpi_copy_metadata(quelm_flow *flow, uint16_t protocol_id);
 }
+
+// Cuts the link between a fragment entry and a flow when it still exists, making the entry stale
+// at once.
+void quelm_fragment_entry_unlink_flow(quelm_fragment_entry *entry, quelm_flow *flow);
+// Records that `flow` owns the datagram of `entry`. A flow maps at most one datagram at a time: an
+// older entry of the same flow is unlinked, so that no entry outlives the flow it points at.
+void quelm_fragment_entry_bind_flow(quelm_fragment_entry *entry, quelm_flow *flow);

@@ -9,8 +9,6 @@
 
 #include <stdlib.h>
 
-#include "quelm_flow.h"
-
 namespace {
 
 bool is_valid(const quelm_fragment_entry &e, uint32_t now) {
@@ -22,22 +20,6 @@ bool matches(const quelm_fragment_entry &e, uint32_t key_hash, uint16_t ip_id) {
 }
 
 }  // namespace
-
-void quelm_fragment_entry_unlink_flow(quelm_fragment_entry *entry, quelm_flow *flow) {
-    if (entry->flow == flow) {
-        entry->flow = nullptr;
-        entry->expire = 0;
-    }
-    if (flow->fragment == entry) flow->fragment = nullptr;
-}
-
-void quelm_fragment_entry_bind_flow(quelm_fragment_entry *entry, quelm_flow *flow) {
-    if (flow->fragment != nullptr && flow->fragment != entry)
-        quelm_fragment_entry_unlink_flow(flow->fragment, flow);
-    entry->flow_id = flow->id;
-    entry->flow = flow;
-    flow->fragment = entry;
-}
 
 extern "C" {
 
@@ -124,16 +106,17 @@ quelm_fragment_entry *quelm_fragment_hash_find(quelm_fragment_hash *table, uint3
         t.bytes = m.bytes;
         t.pkts = m.pkts;
         t.flow = m.flow;
-        if (m.flow != nullptr) {
-            if (m.flow->fragment == &m) m.flow->fragment = &t;
-            m.flow = nullptr;
-        }
+        t.owner = m.owner;
+        if (m.owner != nullptr && *m.owner == &m) *m.owner = &t;
+        m.flow = nullptr;
+        m.owner = nullptr;
         m.expire = 0;
     } else if (match == kUnset) {
         t.flow_id = 0;
         t.bytes = 0;
         t.pkts = 0;
         t.flow = nullptr;
+        t.owner = nullptr;
     }
     t.key_hash = key_hash;
     t.ip_id = ip_id;

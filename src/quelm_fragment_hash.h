@@ -13,6 +13,9 @@ struct quelm_fragment_entry {
     uint32_t bytes;
     uint32_t pkts;
     quelm_flow *flow;  // borrowed; null while unknown
+    // The flow's back-pointer to its entry (its `fragment` field), so that an entry moving to
+    // another slot takes the link along without knowing the flow's layout.
+    quelm_fragment_entry **owner;
 };
 
 struct quelm_fragment_hash {
@@ -23,9 +26,3 @@ struct quelm_fragment_hash {
 
 // How long an entry stays valid after its latest use, in packet seconds.
 inline constexpr uint32_t QUELM_FRAGMENT_LIFETIME = 2;
-
-// Cuts the link between an entry and a flow when it still exists, making the entry stale at once.
-void quelm_fragment_entry_unlink_flow(quelm_fragment_entry *entry, quelm_flow *flow);
-// Records that `flow` owns the datagram of `entry`. A flow maps at most one datagram at a time: an
-// older entry of the same flow is unlinked, so that no entry outlives the flow it points at.
-void quelm_fragment_entry_bind_flow(quelm_fragment_entry *entry, quelm_flow *flow);

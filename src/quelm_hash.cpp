@@ -7,6 +7,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "quelm_bytes.h"
 #include "quelm_flow.h"
 
 namespace {
@@ -15,11 +16,7 @@ using quelm::flow_is_idle;
 using quelm::flow_slice_due;
 using quelm::flow_total_packets;
 
-uint32_t key_ipv4(const uint8_t addr[16]) {
-    uint32_t v;
-    memcpy(&v, addr, sizeof v);
-    return v;
-}
+using quelm::key_ipv4;
 
 enum class Match { none, forward, reverse };
 
@@ -51,15 +48,15 @@ Match match_flow(const quelm_hash *hash, const quelm_flow *f, const quelm_packet
 }
 
 // Retires or slices a flow found during a scan; returns whether it did either.
-bool expire_or_slice(quelm_table *table, quelm_hash *hash, quelm_flow *f, uint32_t now) {
-    if (flow_is_idle(f, now, hash->idle_timeout)) {
+bool expire_or_slice(quelm_hash *hash, quelm_flow *f, uint32_t now) {
+    if (flow_is_idle(f, now, hash->expiry->idle_timeout)) {
         f->value.status = QUELM_FLOW_STATUS_IDLE_TIMEOUT;
-        quelm_hash_export_flow(table, hash, f);
+        quelm::hash_retire(hash, f);
         return true;
     }
-    if (flow_slice_due(f, now, hash->slice_timeout)) {
+    if (flow_slice_due(f, now, hash->expiry->slice_timeout)) {
         f->value.status = QUELM_FLOW_STATUS_SLICE;
-        quelm_hash_export_flow_slice(table, hash, f, now);
+        quelm::hash_slice(hash, f, now);
         return true;
     }
     return false;
@@ -67,10 +64,8 @@ bool expire_or_slice(quelm_table *table, quelm_hash *hash, quelm_flow *f, uint32
 
 }  // namespace
 
-extern "C" {
-
-quelm_hash *quelm_hash_alloc(uint32_t size, uint32_t idle_timeout, uint32_t ignore_vlan,
-                             uint32_t mac_in_key) {
+quelm_hash *quelm_hash_create(uint32_t size, const quelm_expiry *expiry, uint32_t ignore_vlan,
+                              uint32_t mac_in_key, quelm_hash_hook hook) {
     auto *hash = static_cast<quelm_hash *>(calloc(1, sizeof(quelm_hash)));
     if (hash == nullptr) return nullptr;
     hash->num_buckets = utils_pow2(size);
@@ -86,11 +81,21 @@ quelm_hash *quelm_hash_alloc(uint32_t size, uint32_t idle_timeout, uint32_t igno
     } else {
         hash->capacity = 0;  // nowhere to put a flow
     }
-    hash->idle_timeout = idle_timeout;
+    hash->expiry = expiry != nullptr ? expiry : &hash->own_expiry;
+    hash->hook = hook;
     hash->ignore_vlan = ignore_vlan;
     hash->mac_in_key = mac_in_key;
     hash->scan_step = hash->num_buckets < QUELM_HASH_LARGE_TABLE ? hash->num_buckets / 100
                                                                  : QUELM_HASH_MAX_SCAN_STEP;
+    return hash;
+}
+
+extern "C" {
+
+quelm_hash *quelm_hash_alloc(uint32_t size, uint32_t idle_timeout, uint32_t ignore_vlan,
+                             uint32_t mac_in_key) {
+    quelm_hash *hash = quelm_hash_create(size, nullptr, ignore_vlan, mac_in_key, {});
+    if (hash != nullptr) hash->own_expiry.idle_timeout = idle_timeout;
     return hash;
 }
 
@@ -117,8 +122,9 @@ void quelm_hash_compute_hash_index(quelm_hash *hash, quelm_packet_info *info) {
     if (hash->num_buckets != 0) __builtin_prefetch(&hash->buckets[info->hash_idx], 0, 3);
 }
 
-quelm_flow *quelm_hash_find(quelm_table *table, quelm_hash *hash, quelm_packet_info *info,
-                            uint32_t *direction) {
+}  // extern "C"
+
+quelm_flow *quelm::hash_find(quelm_hash *hash, quelm_packet_info *info, uint32_t *direction) {
     if (hash->num_buckets == 0) return nullptr;
     const uint32_t now = uint32_t(info->header->ts.tv_sec);
     quelm_flow *f = hash->buckets[info->hash_idx & hash->mask];
@@ -131,18 +137,20 @@ quelm_flow *quelm_hash_find(quelm_table *table, quelm_hash *hash, quelm_packet_i
             *direction = m == Match::forward ? 0 : 1;
             if (hash->lru_refresh < now) {
                 quelm_list_move_to_head(&hash->lru, &f->lru);
-                hash->lru_refresh =
-                    now + (hash->slice_timeout != 0 ? hash->slice_timeout : hash->idle_timeout);
+                const quelm_expiry &e = *hash->expiry;
+                hash->lru_refresh = now + (e.slice_timeout != 0 ? e.slice_timeout : e.idle_timeout);
             }
             return f;
         }
-        expire_or_slice(table, hash, f, now);
+        expire_or_slice(hash, f, now);
         walked++;
         f = next;
     }
     if (walked > hash->max_bucket_walk) hash->max_bucket_walk = walked;
     return nullptr;
 }
+
+extern "C" {
 
 int quelm_hash_add(quelm_hash *hash, quelm_flow *flow) {
     if (hash->num_flows >= hash->capacity) return 0;
@@ -178,18 +186,18 @@ void quelm_hash_walk(quelm_hash *hash, int (*cb)(quelm_flow *flow, void *user), 
     }
 }
 
-void quelm_hash_export_flow(quelm_table *table, quelm_hash *hash, quelm_flow *flow) {
+}  // extern "C"
+
+void quelm::hash_retire(quelm_hash *hash, quelm_flow *flow) {
     quelm_hash_remove(hash, flow, flow->hash_idx);
     quelm_list_remove(&hash->lru, &flow->lru);
-    quelm_pre_export(table, flow);
-    quelm_table_dec_active_flows(table, 1);
+    if (hash->hook.leave != nullptr) hash->hook.leave(flow, true, hash->hook.ctx);
     quelm_list_append(&hash->expired, &flow->lru);
 }
 
-void quelm_hash_export_flow_slice(quelm_table *table, quelm_hash *hash, quelm_flow *flow,
-                                  uint32_t now) {
+void quelm::hash_slice(quelm_hash *hash, quelm_flow *flow, uint32_t now) {
     flow->last_slice = now;
-    quelm_pre_export(table, flow);
+    if (hash->hook.leave != nullptr) hash->hook.leave(flow, false, hash->hook.ctx);
     if (flow_total_packets(flow) == 0) return;
     quelm_flow *slice = quelm_flow_slice(flow);
     if (slice == nullptr) return;
@@ -198,7 +206,7 @@ void quelm_hash_export_flow_slice(quelm_table *table, quelm_hash *hash, quelm_fl
     quelm_list_move_to_head(&hash->lru, &flow->lru);
 }
 
-uint32_t quelm_hash_harvest_expired_flows(quelm_table *table, quelm_hash *hash, uint32_t now) {
+uint32_t quelm::hash_harvest(quelm_hash *hash, uint32_t now) {
     const bool flush = now == QUELM_HASH_FLUSH_TIME;
     const uint32_t idle_status = flush ? QUELM_FLOW_STATUS_FLUSHED : QUELM_FLOW_STATUS_IDLE_TIMEOUT;
     uint32_t count = 0;
@@ -207,12 +215,12 @@ uint32_t quelm_hash_harvest_expired_flows(quelm_table *table, quelm_hash *hash, 
         quelm_list_node *prev = node->prev;
         quelm_flow *f = node->owner;
         // A flush ends every flow, whatever its timestamps (even ones close to 2^32).
-        if (flush || flow_is_idle(f, now, hash->idle_timeout)) {
+        if (flush || flow_is_idle(f, now, hash->expiry->idle_timeout)) {
             f->value.status = idle_status;
-            quelm_hash_export_flow(table, hash, f);
-        } else if (flow_slice_due(f, now, hash->slice_timeout) && flow_total_packets(f) != 0) {
+            quelm::hash_retire(hash, f);
+        } else if (flow_slice_due(f, now, hash->expiry->slice_timeout) && flow_total_packets(f) != 0) {
             f->value.status = QUELM_FLOW_STATUS_SLICE;
-            quelm_hash_export_flow_slice(table, hash, f, now);
+            quelm::hash_slice(hash, f, now);
         } else {
             break;
         }
@@ -222,7 +230,7 @@ uint32_t quelm_hash_harvest_expired_flows(quelm_table *table, quelm_hash *hash, 
     return count;
 }
 
-uint32_t quelm_hash_check_expired_flows(quelm_table *table, quelm_hash *hash, uint32_t now) {
+uint32_t quelm::hash_scan(quelm_hash *hash, uint32_t now) {
     if (hash->scan_step == 0) return 0;
     uint32_t count = 0;
     for (uint32_t n = 0; n < hash->scan_step; n++) {
@@ -237,12 +245,10 @@ uint32_t quelm_hash_check_expired_flows(quelm_table *table, quelm_hash *hash, ui
         quelm_flow *f = hash->buckets[hash->scan_cursor];
         while (f != nullptr) {
             quelm_flow *next = f->next;
-            if (expire_or_slice(table, hash, f, now)) count++;
+            if (expire_or_slice(hash, f, now)) count++;
             f = next;
         }
         if (++hash->scan_cursor >= hash->num_buckets) hash->scan_cursor = 0;
     }
     return count;
 }
-
-}  // extern "C"

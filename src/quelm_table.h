@@ -3,6 +3,10 @@
 
 #include "quelm.h"
 #include "quelm_export.h"
+#include "quelm_hash.h"
+
+// Housekeeping runs at least once per this many packets, even within one packet second.
+inline constexpr uint32_t QUELM_HOUSEKEEPING_PACKETS = 1000000;
 
 struct quelm_table {
     quelm_hash *hash_v4;
@@ -30,9 +34,8 @@ struct quelm_table {
     void *l7_detected_user;
     uint32_t housekeeping_countdown;  // packets left before housekeeping is forced
     uint32_t housekeeping_sec;        // second of the latest pass that found nothing to do
-    uint32_t flow_idle_timeout;
+    quelm_expiry expiry;  // idle timeout and slicing, read by both hashes
     uint32_t flow_lifetime_timeout;
-    uint32_t flow_slicing;
     uint16_t user_size;
     uint8_t owns_pelda;
     uint8_t protocol_shift;
@@ -42,3 +45,6 @@ struct quelm_table {
 
 // Hands the flows that left both hashes to the export callbacks (or releases them).
 void quelm_export_flows(quelm_table *table);
+// The hashes' hook: settles the detection of a flow that leaves or is sliced and, when it leaves,
+// takes it off the active count.
+void quelm_table_flow_leaves(quelm_flow *flow, bool ended, void *table);

@@ -6,7 +6,6 @@
 #include <sys/time.h>
 
 #include "quelm.h"
-#include "quelm_flow.h"
 
 namespace {
 constexpr uint32_t kVersionMajor = 9, kVersionMinor = 5, kVersionPatch = 0;
@@ -18,6 +17,8 @@ char proto_string[8];
 }  // namespace
 
 extern "C" {
+
+uint32_t quelm_debug_enabled = 0;
 
 uint32_t utils_read_version(char *buf) {
     // 13 bytes is the documented minimum for "9.5.0.261007".
@@ -132,72 +133,6 @@ char *utils_sanitize(char *str) {
         }
     }
     return str;
-}
-
-}  // extern "C"
-
-// ---- Rules configuration files
-// -------------------------------------------------------------------
-
-namespace {
-bool is_space(char c) {
-    return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
-}
-}  // namespace
-
-extern "C" {
-
-char *utils_trim(char *str) {
-    while (is_space(*str))
-        str++;
-    char *end = str + strlen(str);
-    while (end > str && is_space(end[-1]))
-        end--;
-    *end = '\0';
-    return str;
-}
-
-char *utils_tolower(char *str) {
-    for (char *p = str; *p != '\0'; p++)
-        if (*p >= 'A' && *p <= 'Z') *p = char(*p - 'A' + 'a');
-    return str;
-}
-
-quelm_action utils_string2action(char *str) {
-    static constexpr const char *kWords[] = {"default", "forward", "discard",
-                                             "user_1",  "user_2",  "slice"};
-    utils_tolower(str);
-    for (quelm_action a = 0; a < sizeof kWords / sizeof kWords[0]; a++)
-        if (strcmp(str, kWords[a]) == 0) return a;
-    return QUELM_ACTION_DEFAULT;
-}
-
-int utils_configuration_file_iterator(const char *path, quelm_conf_callback cb, quelm_table *table,
-                                      quelm_rules *rules) {
-    // Lines are read in pieces of at most 1023 characters; each piece is handled as a line.
-    char section[1024] = "";
-    char line[1024];
-    FILE *f = fopen(path, "r");
-    if (f == nullptr) return -1;
-    while (fgets(line, sizeof line, f) != nullptr) {
-        char *s = utils_trim(line);
-        if (strlen(s) < 2 || s[0] == ';' || s[0] == '#') continue;
-        if (s[0] == '[') {
-            snprintf(section, sizeof section, "%s", s + 1);
-            if (char *close = strchr(section, ']')) *close = '\0';
-            continue;
-        }
-        char *sep = strchr(s, '=');
-        if (sep == nullptr) sep = strchr(s, ' ');
-        const char *value = "";
-        if (sep != nullptr) {
-            *sep = '\0';
-            value = utils_trim(sep + 1);
-        }
-        cb(section, utils_trim(s), value, table, rules);
-    }
-    fclose(f);
-    return 0;
 }
 
 }  // extern "C"

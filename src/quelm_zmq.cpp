@@ -9,16 +9,12 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include "quelm_table.h"
 
 namespace {
 
 // libzmq's public constants.
 constexpr int kZmqPub = 1, kZmqSndMore = 2, kZmqSndBuf = 11, kZmqSndHwm = 23,
               kZmqCurvePublicKey = 48, kZmqCurveSecretKey = 49, kZmqCurveServerKey = 50;
-// Messages the socket may hold for a subscriber: a whole export queue's worth of batches, so that
-// draining a full queue at once (a flush) does not overflow libzmq's default of 1000.
-constexpr int kSendHighWaterMark = QUELM_EXPORT_QUEUE_MAX / QUELM_EXPORT_BATCH_RECORDS + 1024;
 constexpr int kSendBufferBytes = 8 * 1024 * 1024;
 constexpr size_t kZ85KeyLen = 40;
 // How much of a payload a send-error message shows.
@@ -102,7 +98,7 @@ int zmq_lib_init(void) {
     return initialized = 1;
 }
 
-int quelm_zmq_init(quelm_zmq *zmq) {
+int quelm_zmq_init(quelm_zmq *zmq, uint32_t send_high_water) {
     if (zmq_lib_init() != 1) {
         fprintf(stderr, "*** zmq not found or missing symbols ***\n");
         return -1;
@@ -149,7 +145,7 @@ int quelm_zmq_init(quelm_zmq *zmq) {
             return fail(zmq, -3);
         }
     }
-    const int hwm = kSendHighWaterMark;
+    const int hwm = int(send_high_water);
     setopt(zmq, kZmqSndHwm, &hwm, sizeof hwm);
     if (zmq->connect_mode) {
         const int bytes = kSendBufferBytes;
@@ -212,56 +208,3 @@ void quelm_zmq_close(quelm_zmq *zmq) {
     zmq->socket = nullptr;
     zmq->context = nullptr;
 }
-
-extern "C" {
-
-void quelm_zmq_export_configure(quelm_table *table, const char *endpoint,
-                                const char *server_public_key, uint8_t connect_mode,
-                                uint8_t reserved, uint8_t use_json) {
-    quelm_export &ex = table->exporter;
-    quelm_zmq &zmq = ex.zmq;
-    free(zmq.endpoint);
-    free(zmq.server_public_key);
-    zmq.endpoint = endpoint != nullptr ? strdup(endpoint) : nullptr;
-    zmq.connect_mode = connect_mode;
-    zmq.reserved = reserved;
-    // CURVE is always in use: without a key, the built-in one (its secret is the collector's).
-    zmq.server_public_key =
-        strdup(server_public_key != nullptr ? server_public_key
-                                            : "Q7w.Fk2-Tz9m!xR4b^Lp8vN0c=Hs6yJe3Ud5aG1o");
-    const uint32_t format = use_json ? QUELM_EXPORT_FORMAT_JSON : QUELM_EXPORT_FORMAT_TLV;
-    if (ex.initialized && ex.format != format) {
-        // A running exporter changes format between batches, so that every message's version
-        // byte describes its payload.
-        quelm_export_flush(&ex);
-        quelm_serializer_term(&ex.serializer);
-        if (quelm_serializer_init(&ex.serializer, format) != 0) {
-            ex.initialized = 0;
-            ex.serializer_initialized = 0;
-            quelm_zmq_close(&zmq);
-        }
-    }
-    ex.format = format;
-    quelm_export_init(&ex);
-}
-
-void quelm_zmq_export_flow(quelm_flow *flow, void *table) {
-    quelm_export &ex = static_cast<quelm_table *>(table)->exporter;
-    quelm_export_enqueue_flow(&ex, flow);
-    if (ex.queue_len >= QUELM_EXPORT_FLUSH_THRESHOLD) quelm_export_process_queue(&ex, 1);
-}
-
-void quelm_zmq_export_stats(quelm_table *table, const char *if_name, uint16_t if_speed,
-                            const char *if_ip, const char *probe_ip) {
-    quelm_export_process_stats(&table->exporter, table->flow_lifetime_timeout,
-                               table->flow_idle_timeout, if_name, if_speed, if_ip, probe_ip,
-                               table->stats.packets, table->stats.bytes);
-}
-
-void quelm_zmq_get_stats(quelm_table *table, quelm_zmq_stats *stats) {
-    stats->buffered_records = table->exporter.batch_records;
-    stats->num_flow_exports = table->exporter.num_flow_exports;
-    stats->num_flow_drops = table->exporter.num_flow_drops;
-}
-
-}  // extern "C"

@@ -36,7 +36,8 @@ inline constexpr uint8_t QUELM_ZMQ_VERSION_JSON = quelm::wire::kVersionJson,
 // 1 when libzmq and its nine functions are usable, -1 otherwise (decided once per process).
 int zmq_lib_init(void);
 // 0 on success (or when no endpoint is set), -1 no libzmq or context, -2 socket, -3 CURVE.
-int quelm_zmq_init(quelm_zmq *zmq);
+// `send_high_water`: messages the socket may hold for a subscriber before libzmq drops.
+int quelm_zmq_init(quelm_zmq *zmq, uint32_t send_high_water);
 // 1 when handed to libzmq, 0 when the payload part failed.
 int quelm_zmq_send(quelm_zmq *zmq, const void *payload, uint16_t size, uint32_t topic,
                    uint8_t version);

@@ -103,9 +103,8 @@ TEST_F(Config, TableRulesAndGlobalSettings) {
     EXPECT_EQ(t->default_action, QUELM_ACTION_FORWARD);
     EXPECT_EQ(t->dpi_min_num_tcp_packets, 30);
     EXPECT_EQ(t->dpi_min_num_udp_packets, uint16_t(70000));
-    EXPECT_EQ(t->hash_v4->idle_timeout, 10u);
-    EXPECT_EQ(t->hash_v6->idle_timeout, 10u);
-    EXPECT_EQ(t->flow_idle_timeout, 30u) << "the table's own field keeps the creation value";
+    EXPECT_EQ(t->hash_v4->expiry->idle_timeout, 10u);
+    EXPECT_EQ(t->hash_v6->expiry, &t->expiry) << "one idle timeout, read by both hashes";
     EXPECT_EQ(t->flow_lifetime_timeout, 600u);
     const quelm_rules *r = quelm_get_rules(t);
     EXPECT_EQ(r->shunt_tcp, 255);
@@ -145,7 +144,7 @@ TEST_F(Config, CallerOwnedSetTakesOnlyTheRulesOfTheLatestFile) {
                                            &mine),
               0);
     EXPECT_EQ(t->default_action, QUELM_ACTION_DEFAULT);
-    EXPECT_EQ(t->hash_v4->idle_timeout, 30u);
+    EXPECT_EQ(t->expiry.idle_timeout, 30u);
     EXPECT_EQ(quelm_get_rules(t)->shunt_tcp, 0);
     EXPECT_EQ(mine.protocol_table_size, 262144u);
     EXPECT_EQ(mine.shunt_tcp, 4);

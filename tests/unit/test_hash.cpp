@@ -222,7 +222,7 @@ TEST_F(HashTest, ScanCursorAdvancesByStepAndWraps) {
 }
 
 TEST_F(HashTest, SliceIsDueStrictlyAfterPeriodFromEarliestFirstPacket) {
-    hash->slice_timeout = 60;
+    hash->own_expiry.slice_timeout = 60;
     quelm_flow *f = add(tcp("10.0.0.1", 1, "10.0.0.2", 2, 105));
     f->value.direction[0].bytes = 500;
     f->value.direction[1].first = {100, 0};  // the reverse side was seen first
@@ -250,7 +250,7 @@ TEST_F(HashTest, SliceIsDueStrictlyAfterPeriodFromEarliestFirstPacket) {
 }
 
 TEST_F(HashTest, TimeArithmeticWrapsAt32Bits) {
-    hash->slice_timeout = 20;
+    hash->own_expiry.slice_timeout = 20;
     quelm_flow *f = add(tcp("10.0.0.1", 1, "10.0.0.2", 2, 0xFFFFFFE0));
     EXPECT_FALSE(quelm::flow_is_idle(f, 0xFFFFFFFE, 30));
     EXPECT_TRUE(quelm::flow_is_idle(f, 0xFFFFFFFF, 30));

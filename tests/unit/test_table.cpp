@@ -83,9 +83,8 @@ TEST(TableLifecycle, SizesAndDefaults) {
         EXPECT_EQ(t->hash_v4->num_buckets, c.v4);
         EXPECT_EQ(t->hash_v6->num_buckets, c.v6);
         EXPECT_EQ(t->fragments->num_slots, c.fragments);
-        EXPECT_EQ(t->flow_idle_timeout, 30u);
         EXPECT_EQ(t->flow_lifetime_timeout, 120u);
-        EXPECT_EQ(t->hash_v4->idle_timeout, 30u);
+        EXPECT_EQ(t->hash_v4->expiry->idle_timeout, 30u);
         EXPECT_EQ(t->dpi_min_num_tcp_packets, 12);
         EXPECT_EQ(t->dpi_min_num_udp_packets, 5);
         EXPECT_EQ(quelm_get_pelda_handle(t), nullptr);
@@ -97,8 +96,8 @@ TEST(TableLifecycle, SizesAndDefaults) {
     EXPECT_EQ(t->hash_v4->mac_in_key, 1u);
     EXPECT_EQ(t->flow_lifetime_timeout, 9u);
     quelm_flow_set_flow_slicing(t, 15);
-    EXPECT_EQ(t->hash_v4->slice_timeout, 15u);
-    EXPECT_EQ(t->hash_v6->slice_timeout, 15u);
+    EXPECT_EQ(t->hash_v4->expiry->slice_timeout, 15u);
+    EXPECT_EQ(t->hash_v6->expiry->slice_timeout, 15u);
     quelm_destroy_table(t);
 }
 
