@@ -51,18 +51,9 @@ F fn(Fn which) {
 }
 
 const char *topic_text(uint32_t topic) {
-    switch (topic) {
-        case 0:
-            return "flow";
-        case 1:
-            return "event";
-        case 2:
-            return "counter";
-        case 3:
-            return "index";
-        default:
-            return "";
-    }
+    static constexpr const char *kTopics[] = {quelm::wire::kTopicFlow, quelm::wire::kTopicEvent,
+                                              "counter", "index"};
+    return topic < sizeof kTopics / sizeof kTopics[0] ? kTopics[topic] : "";
 }
 
 int setopt(quelm_zmq *zmq, int option, const void *value, size_t len) {
