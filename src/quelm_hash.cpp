@@ -218,7 +218,8 @@ uint32_t quelm::hash_harvest(quelm_hash *hash, uint32_t now) {
         if (flush || flow_is_idle(f, now, hash->expiry->idle_timeout)) {
             f->value.status = idle_status;
             quelm::hash_retire(hash, f);
-        } else if (flow_slice_due(f, now, hash->expiry->slice_timeout) && flow_total_packets(f) != 0) {
+        } else if (flow_slice_due(f, now, hash->expiry->slice_timeout) &&
+                   flow_total_packets(f) != 0) {
             f->value.status = QUELM_FLOW_STATUS_SLICE;
             quelm::hash_slice(hash, f, now);
         } else {

@@ -28,9 +28,9 @@ struct quelm_hash {
     const quelm_expiry *expiry;  // the owner's, or own_expiry
     quelm_expiry own_expiry;     // for a hash made on its own (quelm_hash_alloc)
     quelm_hash_hook hook;
-    uint32_t lru_refresh;    // a found flow moves to the lru head only after this packet second
-    uint32_t scan_cursor;    // first bucket of the next incremental scan
-    uint32_t scan_step;      // buckets per incremental scan
+    uint32_t lru_refresh;  // a found flow moves to the lru head only after this packet second
+    uint32_t scan_cursor;  // first bucket of the next incremental scan
+    uint32_t scan_step;    // buckets per incremental scan
     uint32_t max_bucket_walk;
     uint32_t ignore_vlan;
     uint32_t mac_in_key;

@@ -52,7 +52,6 @@ void apply_shunt(quelm_flow *flow, uint8_t limit) {
     if (limit != 0 && quelm::flow_total_packets(flow) > limit) flow->action = QUELM_ACTION_DISCARD;
 }
 
-
 // Protocol index of an engine name ("HTTP") or pair ("TLS.YouTube"), or -1 (reported).
 int64_t protocol_index(quelm_table *table, const char *name) {
     char copy[128];
@@ -148,7 +147,6 @@ quelm_action quelm_rules_verdict(quelm_table *t, quelm_flow *flow, bool is_new, 
 }
 
 void quelm_rules_release(quelm_rules &r) {
-
     free(r.filter_protocol);
     free(r.filter_category);
     free(r.shunt_protocol);

@@ -34,7 +34,7 @@ struct quelm_table {
     void *l7_detected_user;
     uint32_t housekeeping_countdown;  // packets left before housekeeping is forced
     uint32_t housekeeping_sec;        // second of the latest pass that found nothing to do
-    quelm_expiry expiry;  // idle timeout and slicing, read by both hashes
+    quelm_expiry expiry;              // idle timeout and slicing, read by both hashes
     uint32_t flow_lifetime_timeout;
     uint16_t user_size;
     uint8_t owns_pelda;

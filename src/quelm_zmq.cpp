@@ -9,7 +9,6 @@
 #include <stdlib.h>
 #include <string.h>
 
-
 namespace {
 
 // libzmq's public constants.
