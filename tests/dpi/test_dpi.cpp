@@ -306,7 +306,7 @@ struct Rule {
 
 TEST_F(Rules, VerdictsOfFiltersAndShunts) {
     const std::vector<Rule> order = {
-        {'p', "TLS.Video", 3}, {'p', "Video", 4}, {'p', "TLS", 1}, {'c', "Cat9", 2}};
+        {'p', "TLS.Chat", 3}, {'p', "Video", 4}, {'p', "TLS", 1}, {'c', "Cat9", 2}};
     const std::vector<Rule> all = {{'a', "", 2}, {'p', "Video", 1}};
     // clang-format off
     const struct { const char *what; std::vector<Rule> rules; uint16_t master, app; int32_t cat; int on; const char *want; } cases[] = {
@@ -314,9 +314,9 @@ TEST_F(Rules, VerdictsOfFiltersAndShunts) {
         {"filter wins over shunt", {{'p', "HTTP", 1}, {'s', "HTTP", 5}}, kHttp, kHttp, 0, 3, "00FFFFFFFF"},
         {"filter from the detecting packet", {{'p', "TLS", 2}, {'d', "", 4}}, kTls, kTls, 0, 4, "000DDD"},
         {"default without rules", {{'p', "TLS", 2}, {'d', "", 4}}, kDns, kDns, 0, 2, "0222"},
-        {"pair first", order, kTls, kVideo, 9, 1, "1"},
-        {"then the application", order, kHttp, kVideo, 9, 1, "2"},
-        {"then the master", order, kTls, kChat, 9, 1, "F"},
+        {"pair first", order, kTls, kChat, 9, 1, "1"},
+        {"then the application", order, kTls, kVideo, 9, 1, "2"},
+        {"then the master", order, kTls, 200, 9, 1, "F"},
         {"then the category", order, kHttp, kChat, 9, 1, "D"},
         {"nothing", order, kHttp, kChat, 8, 1, "0"},
         {"master 0 reads as the application", order, 0, kTls, 9, 1, "F"},
