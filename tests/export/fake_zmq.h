@@ -4,7 +4,6 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -15,17 +14,11 @@ struct Message {
 };
 
 struct State {
-    // Scripted failures.
-    bool fail_context = false, fail_socket = false, fail_keypair = false;
-    std::map<int, bool> fail_option;  // socket option number -> fail
-    int fail_sends_after = -1;        // payload sends that succeed before every later one fails
-    // What the library did.
-    std::vector<std::string> connected, bound;
-    std::map<int, std::string> options;
-    std::vector<Message> messages;
-    int payload_sends = 0;
+    // The call that fails: "zmq_ctx_new", "zmq_socket", "zmq_curve_keypair", "zmq_setsockopt"
+    // or "zmq_send" (payload parts only).
+    std::string fail;
+    std::vector<Message> messages;  // sent
     int contexts = 0, sockets = 0, closed = 0, destroyed = 0;
-    std::vector<uint8_t> pending_header;
 };
 
 State &state();

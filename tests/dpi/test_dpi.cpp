@@ -1,0 +1,435 @@
+// Detection, rules and rules files in a table, against the scripted engine so that every engine
+// answer is exact.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <fstream>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "packet_builder.h"
+#include "pelda_stub.h"
+#include "quelm_flow.h"
+#include "quelm_hash.h"
+#include "quelm_table.h"
+
+namespace {
+
+using pelda_stub::FlowFields;
+using pelda_stub::result;
+using pelda_stub::script;
+using quelm_test::Frame;
+
+constexpr uint16_t kSmtp = 3, kDns = 5, kHttp = 7, kFtp = 77, kTls = 91, kVideo = 120, kChat = 121;
+constexpr uint32_t kGuessed = QUELM_FLOW_FLAG_L7_GUESSED;
+constexpr uint32_t kExtra = QUELM_FLAG_DPI_EXTRA_DISSECTION, kNoGuess = QUELM_FLAG_NO_L7_GUESS;
+
+enum Kind { kTcp, kUdp, kUdp6, kIcmp };
+
+// Packet `n` (from 1) of a flow from port `port` to 80; even packets go the other way.
+std::vector<uint8_t> packet(Kind kind, int n = 1, uint16_t port = 40000) {
+    const bool back = n % 2 == 0;
+    const char *src = back ? "10.0.0.2" : "10.0.0.1", *dst = back ? "10.0.0.1" : "10.0.0.2";
+    const uint16_t sport = back ? 80 : port, dport = back ? port : 80;
+    if (kind == kUdp6) return Frame().eth().ipv6("fd00::1", "fd00::2").udp(port, 80).build();
+    if (kind == kIcmp) return Frame().eth().ipv4(src, dst).icmp(8, 0).build();
+    if (kind == kUdp) return Frame().eth().ipv4(src, dst).udp(sport, dport).payload(10).build();
+    return Frame().eth().ipv4(src, dst).tcp(sport, dport).payload(20).build();
+}
+
+class Dpi : public ::testing::Test {
+  protected:
+    void SetUp() override { fresh(QUELM_FLAG_DPI); }
+    void TearDown() override {
+        clear();
+        std::remove(path.c_str());
+    }
+    // A new table and engine script; the flows of the previous table are released.
+    void fresh(uint32_t flags) {
+        clear();
+        pelda_stub::reset(
+            300,
+            {{kDns, "DNS"}, {kHttp, "HTTP"}, {kTls, "TLS"}, {kVideo, "Video"}, {kChat, "Chat"}});
+        t = quelm_create_table(flags, 1024, 30, 120, 0);
+        ASSERT_NE(t, nullptr);
+        quelm_set_l7_detected_callback(
+            t,
+            [](const uint8_t *pkt, const quelm_packet_info *, quelm_flow *, void *u) {
+                auto *self = static_cast<Dpi *>(u);
+                self->events.push_back(pkt != nullptr ? self->sent : -1);
+            },
+            this);
+        quelm_set_flow_export_callback(
+            t, [](quelm_flow *f, void *u) { static_cast<Dpi *>(u)->exported.push_back(f); }, this);
+    }
+    void clear() {
+        if (t != nullptr) quelm_destroy_table(t);
+        t = nullptr;
+        for (quelm_flow *f : exported)
+            quelm_flow_free(f);
+        exported.clear();
+        events.clear();
+        sent = 0;
+    }
+    quelm_action send(const std::vector<uint8_t> &frame, int64_t sec = 100) {
+        sent++;
+        const quelm_packet_header h{{sec, 0}, uint32_t(frame.size()), uint32_t(frame.size())};
+        const quelm_packet_ext ext{};
+        return quelm_process(t, frame.data(), &h, &ext);
+    }
+    quelm_flow *only_flow() {
+        quelm_flush(t);
+        EXPECT_EQ(exported.size(), 1u);
+        return exported.empty() ? nullptr : exported.back();
+    }
+    // Verdicts of a TCP flow whose detection names `master.app` of category `cat` on packet `on`,
+    // one letter per packet: '0' default, 'F' forward, 'D' discard, '1' and '2' the user actions.
+    std::string verdicts(uint16_t master, uint16_t app, int32_t cat, int on, int packets) {
+        for (int n = 1; n < on; n++)
+            script().answers.push_back({});
+        script().answers.push_back({result(master, app, uint32_t(cat))});
+        std::string out;
+        for (int n = 1; n <= packets; n++)
+            out += "0FD12S?"[std::min(send(packet(kTcp, n)), quelm_action(6))];
+        return out;
+    }
+    const char *file(const std::string &text) {
+        std::ofstream(path) << text;
+        return path.c_str();
+    }
+
+    quelm_table *t = nullptr;
+    int sent = 0;
+    std::vector<int> events;  // packet number of each L7-detected callback, -1 at export
+    std::vector<quelm_flow *> exported;
+    std::string path = testing::TempDir() + "quelm_rules_" +
+                       testing::UnitTest::GetInstance()->current_test_info()->name() + ".conf";
+};
+
+using Binding = Dpi;
+using Detection = Dpi;
+using Rules = Dpi;
+using Config = Dpi;
+
+TEST_F(Binding, WrongApiRevisionRefusesTheEngine) {
+    clear();
+    pelda_stub::reset();
+    script().api_version = 0x10000 | 14000;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(quelm_create_table(QUELM_FLAG_DPI, 64, 0, 0, 0), nullptr);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "*** pelda library version mismatch, expected API rev.14778 (6.1.0) found rev.14000 "
+              "(9.9.9-stub) ***\n");
+    EXPECT_EQ(script().modules_created, 0);
+    script().api_version = 0x50000 | 14778;  // only the low 16 bits are the revision
+    t = quelm_create_table(QUELM_FLAG_DPI, 64, 0, 0, 0);
+    EXPECT_NE(t, nullptr);
+}
+
+TEST_F(Binding, NoGuessFlagTurnsOffTheEnginesGuessOnGiveUp) {
+    EXPECT_TRUE(script().config.empty());
+    fresh(QUELM_FLAG_DPI | kNoGuess);
+    EXPECT_EQ(script().config, (std::map<std::string, std::string>{{"dpi.guess_on_giveup", "0"}}));
+}
+
+TEST_F(Binding, RuleTablesHoldEveryPairOfTheEnginesProtocols) {
+    // clang-format off
+    const struct { uint32_t protocols, added; int load; uint8_t shift; uint32_t size; } cases[] = {
+        {300, 0, 0, 9, 262144},
+        {256, 0, 0, 8, 65536},
+        {400, 100, 0, 9, 262144},
+        {400, 113, 0, 10, 1048576},  // a protocols file that passes 512 protocols
+        {300, 400, -3, 9, 262144},   // a failing protocols file changes nothing
+    };
+    // clang-format on
+    for (const auto &c : cases) {
+        clear();
+        pelda_stub::reset(c.protocols, {{kHttp, "HTTP"}});
+        script().protocols_added_by_load = c.added;
+        script().load_protocols_result = c.load;
+        t = quelm_create_table(QUELM_FLAG_DPI, 64, 0, 0, 0);
+        quelm_set_filter_protocol_by_name(t, "HTTP", QUELM_ACTION_DISCARD);
+        EXPECT_EQ(c.added != 0 ? quelm_load_pelda_protocols(t, "protocols.txt") : 0, c.load);
+        EXPECT_EQ(t->protocol_shift, c.shift) << c.protocols << " + " << c.added;
+        EXPECT_EQ(quelm_get_rules(t)->protocol_table_size, c.size);
+        EXPECT_EQ(quelm_get_rules(t)->filter_protocol[kHttp], QUELM_ACTION_DISCARD);
+    }
+}
+
+TEST_F(Binding, LentHandleIsNeverReleasedByTheTable) {
+    void *lent = quelm_dpi_alloc(1);
+    EXPECT_EQ(quelm_set_pelda_handle(t, lent), 0);
+    EXPECT_EQ(script().modules_released, 1) << "the handle the table made is released";
+    EXPECT_EQ(quelm_get_pelda_handle(t), lent);
+    clear();
+    t = quelm_create_table(0, 64, 0, 0, 0);
+    EXPECT_EQ(quelm_set_pelda_handle(t, lent), 0);
+    EXPECT_TRUE(t->flags & QUELM_FLAG_DPI);
+    EXPECT_EQ(quelm_get_rules(t)->protocol_table_size, 262144u) << "rule tables for the handle";
+    clear();
+    EXPECT_EQ(script().modules_released, 1);
+    quelm_dpi_free(lent);
+}
+
+TEST_F(Binding, TableWithoutEngineNamesNothingAndTakesNoRules) {
+    fresh(0);
+    char buf[32];
+    const quelm_l7_protocol pair{kTls, kHttp, 0};
+    EXPECT_STREQ(quelm_l7_protocol_name(t, &pair, buf, sizeof buf), "Unknown");
+    EXPECT_STREQ(quelm_category_name(t, 3, buf, sizeof buf), "Unknown");
+    EXPECT_EQ(quelm_load_pelda_protocols(t, "/dev/null"), -1);
+    EXPECT_EQ(quelm_load_configuration(t, file("[global]\ndefault = discard\n")), -1);
+    EXPECT_EQ(t->default_action, 0);
+    quelm_set_filter_protocol_by_name(t, "HTTP", 2);
+    quelm_set_filter_all_protocols(t, 2);
+    quelm_set_shunt_category_by_name(t, "Cat1", 2);
+    EXPECT_EQ(quelm_get_rules(t)->filter_protocol, nullptr);
+}
+
+TEST_F(Detection, PacketLimitsGiveUpExtraDissectionAndGuesses) {
+    // clang-format off
+    const struct Case {
+        const char *what;
+        uint32_t flags;           // besides QUELM_FLAG_DPI
+        Kind kind;
+        int limit, packets;       // TCP packet limit (-1: the table's own) and packets sent
+        uint16_t named;           // what the engine names on every packet (0: nothing)
+        int done_on;              // the packet whose answer says the engine is done
+        int processed, giveups, guesses;
+        std::vector<int> events;  // packets of the L7-detected callbacks, -1 at export
+        int master, app, category;
+        uint32_t flags_after, dpi_done;
+    } cases[] = {
+        {"unknown TCP: given up on its 13th", 0, kTcp, -1, 15, 0, 0, 13, 1, 0, {13}, kTls, 42, 4, kGuessed, 1},
+        {"limit 0: given up on the first", 0, kTcp, 0, 1, 0, 0, 1, 1, 0, {1}, kTls, 42, 4, kGuessed, 1},
+        {"UDP named on its first", 0, kUdp, -1, 2, kDns, 0, 1, 0, 0, {1}, kDns, kDns, 12, 0, 1},
+        {"extra: SMTP to 20", kExtra, kTcp, 12, 110, kSmtp, 0, 21, 0, 0, {21}, kSmtp, kSmtp, 12, 0, 1},
+        {"extra: SMTP to a higher limit", kExtra, kTcp, 30, 110, kSmtp, 0, 31, 0, 0, {31}, kSmtp, kSmtp, 12, 0, 1},
+        {"extra: FTP to 100", kExtra, kTcp, 12, 110, kFtp, 0, 101, 0, 0, {101}, kFtp, kFtp, 12, 0, 1},
+        {"extra: others to the limit", kExtra, kTcp, 12, 110, kHttp, 0, 13, 0, 0, {13}, kHttp, kHttp, 12, 0, 1},
+        {"extra: until the engine is done", kExtra, kTcp, 12, 5, kHttp, 2, 2, 0, 0, {2}, kHttp, kHttp, 12, 0, 1},
+        {"extra: pending at export", kExtra, kTcp, -1, 1, kHttp, 0, 1, 0, 0, {-1}, kHttp, kHttp, 12, 0, 1},
+        {"ICMP guessed on arrival", 0, kIcmp, -1, 1, 0, 0, 0, 0, 1, {1}, 0, 44, 0, kGuessed, 1},
+        {"IPv4 guessed at export", 0, kUdp, -1, 1, 0, 0, 1, 0, 1, {-1}, 44, 44, 0, kGuessed, 1},
+        {"IPv6 never guessed", 0, kUdp6, -1, 1, 0, 0, 1, 0, 0, {}, 0, 0, 0, 0, 0},
+        {"no-guess flag", kNoGuess, kUdp, -1, 1, 0, 0, 1, 0, 0, {}, 0, 0, 0, 0, 0},
+    };
+    // clang-format on
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        fresh(QUELM_FLAG_DPI | c.flags);
+        if (c.limit >= 0) t->dpi_min_num_tcp_packets = uint16_t(c.limit);
+        // A give-up naming only a master takes the application id from the engine's flow object.
+        script().giveup = {result(kTls, 0, 4), FlowFields{.giveup_app = 42}};
+        script().guess.result = result(0, 44, 9);
+        for (int n = 1; c.named != 0 && n <= c.packets; n++)
+            script().answers.push_back(
+                {result(c.named, c.named, 12, n == c.done_on ? PELDA_STATE_DONE : 0)});
+        for (int n = 1; n <= c.packets; n++)
+            send(packet(c.kind, n));
+        quelm_flow *f = only_flow();
+        ASSERT_NE(f, nullptr);
+        EXPECT_EQ(script().process_calls, c.processed);
+        EXPECT_EQ(script().giveup_calls, c.giveups);
+        EXPECT_EQ(script().guess_calls, c.guesses);
+        EXPECT_EQ(events, c.events);
+        const quelm_l7_protocol &p = f->value.l7_protocol;
+        EXPECT_EQ(std::vector<int>({p.master_protocol, p.app_protocol, p.category}),
+                  std::vector<int>({c.master, c.app, c.category}));
+        EXPECT_EQ(f->value.flags, c.flags_after);
+        EXPECT_EQ(f->dpi_done, c.dpi_done);
+        EXPECT_EQ(script().first_length, c.processed != 0 ? packet(c.kind).size() - 14 : 0);
+    }
+}
+
+// A flow's protocol details as text.
+std::string details(const quelm_flow *f) {
+    const quelm_flow_l7_metadata &md = f->value.l7_metadata;
+    auto s = [](const char *p) { return std::string(p != nullptr ? p : "-"); };
+    const uint8_t *fp = md.tls.certificate_fingerprint;
+    char cert[8] = "-";
+    if (f->value.l7_protocol.master_protocol == kHttp)
+        return s(md.http.server_name) + " " + s(md.http.url) + " " +
+               std::to_string(md.http.response_code);
+    if (f->value.l7_protocol.master_protocol == kDns)
+        return s(md.dns.query) + " " + std::to_string(md.dns.query_type) + " " +
+               std::to_string(md.dns.reply_code);
+    if (fp != nullptr) snprintf(cert, sizeof cert, "%02x..%02x", fp[0], fp[19]);
+    return s(md.tls.server_name) + " " + cert;
+}
+
+TEST_F(Detection, ProtocolDetailsAreCopiedFromTheEngine) {
+    std::vector<uint8_t> fp(20, 0xAB), late(20, 0xAB);
+    late[0] = late[1] = late[2] = 0;  // the engine sets a fingerprint from its first bytes on
+    // clang-format off
+    const struct { uint32_t flags; Kind kind; uint16_t master, app; FlowFields fields; const char *want; } cases[] = {
+        {0, kTcp, 0, kHttp, {.server_name = "a.test\tjunk", .url = "http://a.test/x.html?y=1", .http_response_code = 404}, "a.test /x.html?y=1 404"},
+        {0, kTcp, 0, kHttp, {.server_name = "a.test", .url = "http://a.test"}, "a.test / 0"},
+        {0, kTcp, 0, kHttp, {.url = "http://"}, "- / 0"},
+        {0, kTcp, 0, kHttp, {.url = "http://h/a\r\nHost: evil"}, "- /a 0"},
+        {kExtra, kTcp, kHttp, kHttp, {.server_name = "pending.test"}, "pending.test - 0"},
+        {0, kTcp, kTls, 0, {.server_name = "s.test", .cert_sha1 = fp}, "s.test ab..ab"},
+        {0, kTcp, kTls, 0, {.server_name = "s.test", .cert_sha1 = late}, "s.test -"},
+        {0, kUdp, kDns, 0, {.server_name = "nosuch.test", .dns_query_type = 28, .dns_reply_code = 3}, "nosuch.test 28 3"},
+    };
+    // clang-format on
+    for (const auto &c : cases) {
+        fresh(QUELM_FLAG_DPI | c.flags);
+        script().answers.push_back({result(c.master, c.app), c.fields});
+        send(packet(c.kind));
+        quelm_flow *f = only_flow();
+        ASSERT_NE(f, nullptr);
+        EXPECT_EQ(details(f), c.want);
+    }
+}
+
+TEST_F(Detection, SliceKeepsTheSettledProtocol) {
+    quelm_flow_set_flow_slicing(t, 5);
+    script().guess.result = result(0, 44);
+    send(packet(kUdp), 100);
+    send(packet(kUdp), 106);  // cuts a slice: the live flow is settled first
+    quelm_flush(t);
+    ASSERT_EQ(exported.size(), 2u);
+    EXPECT_EQ(exported[0]->value.l7_protocol.app_protocol, 44);
+    EXPECT_EQ(exported[1]->value.l7_protocol.app_protocol, 44);
+    EXPECT_EQ(script().process_calls, 1) << "detection of the live flow ends at its first slice";
+}
+
+// A rule as the table's setters take it.
+struct Rule {
+    char kind;  // filter of a 'p'rotocol, a 'c'ategory or 'a'll protocols; 's'hunt of a protocol,
+                // 't'CP or 'g'eneral shunt; 'd'efault action; TCP detection 'l'imit
+    const char *name;
+    int value;
+};
+
+TEST_F(Rules, VerdictsOfFiltersAndShunts) {
+    const std::vector<Rule> order = {
+        {'p', "TLS.Chat", 3}, {'p', "Video", 4}, {'p', "TLS", 1}, {'c', "Cat9", 2}};
+    const std::vector<Rule> all = {{'a', "", 2}, {'p', "Video", 1}};
+    // clang-format off
+    const struct { const char *what; std::vector<Rule> rules; uint16_t master, app; int32_t cat; int on; const char *want; } cases[] = {
+        {"shunt counts both directions, no default", {{'s', "HTTP", 10}, {'d', "", 1}}, kHttp, kHttp, 0, 3, "0000000000DDDD"},
+        {"filter wins over shunt", {{'p', "HTTP", 1}, {'s', "HTTP", 5}}, kHttp, kHttp, 0, 3, "00FFFFFFFF"},
+        {"filter from the detecting packet", {{'p', "TLS", 2}, {'d', "", 4}}, kTls, kTls, 0, 4, "000DDD"},
+        {"default without rules", {{'p', "TLS", 2}, {'d', "", 4}}, kDns, kDns, 0, 2, "0222"},
+        {"pair first", order, kTls, kChat, 9, 1, "1"},
+        {"then the application", order, kTls, kVideo, 9, 1, "2"},
+        {"then the master", order, kTls, 200, 9, 1, "F"},
+        {"then the category", order, kHttp, kChat, 9, 1, "D"},
+        {"nothing", order, kHttp, kChat, 8, 1, "0"},
+        {"master 0 reads as the application", order, 0, kTls, 9, 1, "F"},
+        {"TCP shunt while pending", {{'t', "", 2}, {'s', "HTTP", 6}}, kHttp, kHttp, 0, 5, "00DDDDDD"},
+        {"protocol shunt replaces the general", {{'g', "", 2}, {'s', "HTTP", 6}}, kHttp, kHttp, 0, 1, "000000DD"},
+        {"shunt 0 removes a protocol's", {{'g', "", 2}, {'s', "HTTP", 6}, {'s', "HTTP", 0}}, kHttp, kHttp, 0, 1, "00DDDDDD"},
+        {"filter-all: application", all, 0, kVideo, 0, 1, "F"},
+        {"filter-all: master", all, kVideo, kVideo, 0, 1, "F"},
+        {"filter-all: pairs first", all, kTls, kVideo, 0, 1, "D"},
+        {"filter-all: unknown", {{'a', "", 2}, {'l', "", 0}}, 0, 0, 0, 99, "D"},
+    };
+    // clang-format on
+    for (const auto &c : cases) {
+        fresh(QUELM_FLAG_DPI);
+        for (const Rule &r : c.rules) {
+            const auto v = uint8_t(r.value);
+            if (r.kind == 'p') quelm_set_filter_protocol_by_name(t, r.name, v);
+            if (r.kind == 'c') quelm_set_filter_category_by_name(t, r.name, v);
+            if (r.kind == 'a') quelm_set_filter_all_protocols(t, v);
+            if (r.kind == 's') quelm_set_shunt_protocol_by_name(t, r.name, v);
+            if (r.kind == 't') t->rules.shunt_tcp = v;
+            if (r.kind == 'g') t->rules.shunt_default = v;
+            if (r.kind == 'd') quelm_set_default_action(t, v);
+            if (r.kind == 'l') t->dpi_min_num_tcp_packets = v;
+        }
+        EXPECT_EQ(verdicts(c.master, c.app, c.cat, c.on, int(strlen(c.want))), c.want) << c.what;
+    }
+}
+
+struct Line {
+    std::string section, key, value;
+    bool operator==(const Line &) const = default;
+};
+
+TEST_F(Config, IteratorSplitsTrimsAndSkips) {
+    static std::vector<Line> seen;
+    seen.clear();
+    const std::string long_key(1500, 'k');
+    ASSERT_EQ(utils_configuration_file_iterator(
+                  file("before = section\nx\n  ; comment\n# comment\n[Shunt]\n  tcp = 300  \n"
+                       "udp 10\nbare\n[ spaced ]\na=b=c\n[unclosed\nkey =\n" +
+                       long_key + "\n"),
+                  [](const char *s, const char *k, const char *v, quelm_table *, quelm_rules *) {
+                      seen.push_back({s, k, v});
+                  },
+                  nullptr, nullptr),
+              0);
+    const std::vector<Line> want = {{"", "before", "section"},
+                                    {"Shunt", "tcp", "300"},
+                                    {"Shunt", "udp", "10"},
+                                    {"Shunt", "bare", ""},
+                                    {" spaced ", "a", "b=c"},
+                                    {"unclosed", "key", ""},
+                                    {"unclosed", long_key.substr(0, 1023), ""},
+                                    {"unclosed", long_key.substr(1023), ""}};
+    EXPECT_EQ(seen, want);
+    EXPECT_EQ(quelm_load_configuration(t, "/nonexistent/rules.conf"), -1);
+}
+
+TEST_F(Config, FileSetsTableRulesAndGlobalSettings) {
+    quelm_set_filter_protocol_by_name(t, "Chat", QUELM_ACTION_DISCARD);
+    quelm_debug();
+    testing::internal::CaptureStdout();
+    ASSERT_EQ(quelm_load_configuration(
+                  t, file("[global]\ndefault = Forward\ndpi_min_num_tcp_packets = 30\n"
+                          "dpi_min_num_udp_packets = 70000\nflow_idle_timeout = 10\n"
+                          "flow_lifetime_timeout = 600\nunknown_key = 1\n"
+                          "[SHUNT]\ntcp = 300\nudp 10\ndefault = -1\nHTTP = 12\n"
+                          "[filter]\nTLS = forward\nTLS = discard\nDNS = discard ; drop it\n"
+                          "NoSuch = discard\nHTTP = USER_1\nChat\n[other]\nVideo = forward\n")),
+              0);
+    quelm_debug_enabled = 0;
+    EXPECT_NE(testing::internal::GetCapturedStdout().find("Error: unknown protocol 'NoSuch'"),
+              std::string::npos);
+    EXPECT_EQ(t->default_action, QUELM_ACTION_FORWARD);
+    EXPECT_EQ(t->dpi_min_num_tcp_packets, 30);
+    EXPECT_EQ(t->dpi_min_num_udp_packets, uint16_t(70000));
+    EXPECT_EQ(t->hash_v6->expiry->idle_timeout, 10u) << "one idle timeout, read by both hashes";
+    EXPECT_EQ(t->flow_lifetime_timeout, 600u);
+    const quelm_rules *r = quelm_get_rules(t);
+    EXPECT_EQ(std::vector<int>({r->shunt_tcp, r->shunt_udp, r->shunt_default}),
+              std::vector<int>({255, 10, 255}))
+        << "counts above 255 are capped, negative ones wrap to their low byte";
+    EXPECT_EQ(r->shunt_protocol[kHttp], 12);
+    const uint8_t *f = r->filter_protocol;
+    EXPECT_EQ(std::vector<int>({f[kTls], f[kDns], f[kHttp], f[kChat], f[kVideo]}),
+              std::vector<int>({QUELM_ACTION_DISCARD, 0, QUELM_ACTION_USER_1, 0, 0}))
+        << "later lines overwrite, unknown words and bare names clear, other sections are ignored";
+}
+
+TEST_F(Config, CallerOwnedSetTakesOnlyTheRulesOfTheLatestFile) {
+    quelm_rules mine{};
+    ASSERT_EQ(quelm_load_configuration_ext(t,
+                                           file("[global]\ndefault = discard\n"
+                                                "flow_idle_timeout = 5\n[shunt]\ntcp = 4\n"
+                                                "TLS = 9\n[filter]\nHTTP = forward\n"),
+                                           &mine),
+              0);
+    EXPECT_EQ(t->default_action, QUELM_ACTION_DEFAULT) << "global settings stay the table's";
+    EXPECT_EQ(t->expiry.idle_timeout, 30u);
+    EXPECT_EQ(quelm_get_rules(t)->shunt_tcp, 0);
+    EXPECT_EQ(mine.protocol_table_size, 262144u);
+    EXPECT_EQ(
+        std::vector<int>({mine.shunt_tcp, mine.shunt_protocol[kTls], mine.filter_protocol[kHttp]}),
+        std::vector<int>({4, 9, QUELM_ACTION_FORWARD}));
+    uint8_t *same = mine.filter_protocol;
+    ASSERT_EQ(quelm_load_configuration_ext(t, file("[shunt]\nudp = 2\n"), &mine), 0);
+    EXPECT_EQ(mine.filter_protocol, same) << "the tables are reused";
+    EXPECT_EQ(std::vector<int>({mine.shunt_tcp, mine.shunt_udp, mine.shunt_protocol[kTls],
+                                mine.filter_protocol[kHttp]}),
+              std::vector<int>({0, 2, 0, 0}));
+    free(mine.filter_protocol);
+    free(mine.shunt_protocol);
+}
+
+}  // namespace
