@@ -22,16 +22,6 @@ const Bytes kDns = {0x12, 0x34, 1,   0,   0,   1, 0,   0,   0,   0, 0, 0, 7, 'e'
 Frame l2(bool back = false) {
     return back ? Frame().eth(quelm_test::kServerMac, quelm_test::kClientMac) : Frame().eth();
 }
-// The link and IP layers of either direction between two hosts.
-Frame ip(bool back) {
-    return Frame().ipv4(back ? kB : kA, back ? kA : kB);
-}
-Frame eth(bool back) {
-    return l2(back).ipv4(back ? kB : kA, back ? kA : kB);
-}
-Frame vlans(bool back) {
-    return l2(back).vlan(10).vlan(20).ipv4(back ? kB : kA, back ? kA : kB);
-}
 // A UDP tunnel's outer layers and its header.
 Frame tunnel(uint16_t sport, uint16_t dport, const Bytes &header) {
     return l2().ipv4("192.0.2.1", "192.0.2.2").udp(sport, dport).payload(header);
@@ -46,14 +36,15 @@ Bytes capwap() {  // an 8-byte header, then the 32 bytes whose last two give the
     return h;
 }
 
-// An HTTP exchange over TCP, with sequence numbers that follow on so that the engine takes it.
-Frames http(Frame (*head)(bool back)) {
+// An HTTP exchange over TCP behind the link layers of each direction, with sequence numbers that
+// follow on so that the engine takes it.
+Frames http(const Frame &to, const Frame &back) {
     const uint32_t c = 1000, s = 5000, n = uint32_t(kGet.size()), m = uint32_t(kOk.size());
-    return {head(false).tcp(40000, 80, 0x02, 5, c, 0).build(),
-            head(true).tcp(80, 40000, 0x12, 5, s, c + 1).build(),
-            head(false).tcp(40000, 80, 0x18, 5, c + 1, s + 1).payload(kGet).build(),
-            head(true).tcp(80, 40000, 0x18, 5, s + 1, c + 1 + n).payload(kOk).build(),
-            head(false).tcp(40000, 80, 0x11, 5, c + 1 + n, s + 1 + m).build()};
+    return {Frame(to).ipv4(kA, kB).tcp(40000, 80, 0x02, 5, c, 0).build(),
+            Frame(back).ipv4(kB, kA).tcp(80, 40000, 0x12, 5, s, c + 1).build(),
+            Frame(to).ipv4(kA, kB).tcp(40000, 80, 0x18, 5, c + 1, s + 1).payload(kGet).build(),
+            Frame(back).ipv4(kB, kA).tcp(80, 40000, 0x18, 5, s + 1, c + 1 + n).payload(kOk).build(),
+            Frame(to).ipv4(kA, kB).tcp(40000, 80, 0x11, 5, c + 1 + n, s + 1 + m).build()};
 }
 
 // Writes a seed in its fuzz target's input format: each frame behind its 2-byte length and, for
@@ -79,8 +70,8 @@ void save(const std::filesystem::path &path, int table_flags, const Frames &fram
 int main(int argc, char **argv) {
     if (argc != 2) return 64;
     const std::filesystem::path table = std::filesystem::path(argv[1]) / "table";
-    save(table / "http", 0x03, http(eth));
-    save(table / "vlan-mac-key", 0x15, http(vlans));
+    save(table / "http", 0x03, http(l2(), l2(true)));
+    save(table / "vlan-mac-key", 0x15, http(l2().vlan(10).vlan(20), l2(true).vlan(10).vlan(20)));
     save(table / "mpls", 1,
          {l2().mpls(16, false).mpls(17, true).ipv4(kA, kB).udp(1, 53).build(),
           l2().mpls(1, true).ipv6(kA6, kB6).udp(1, 2).build()});
@@ -104,13 +95,13 @@ int main(int argc, char **argv) {
     save(table / "capwap", 1, {tunnel(40000, 5247, capwap()).ipv4(kA, kB).udp(67, 68).build()});
     save(table / "vxlan", 1, {tunnel(33333, 4789, kVxlan).eth().ipv4(kA, kB).tcp(1, 22).build()});
     save(table / "icmp", 0,
-         {eth(false).icmp(8, 0).build(), eth(true).icmp(0, 0).build(), eth(true).icmp(3, 1).build(),
-          l2().ipv6(kA6, kB6).icmp(128, 0, 58).build()});
+         {l2().ipv4(kA, kB).icmp(8, 0).build(), l2(true).ipv4(kB, kA).icmp(0, 0).build(),
+          l2(true).ipv4(kB, kA).icmp(3, 1).build(), l2().ipv6(kA6, kB6).icmp(128, 0, 58).build()});
     // fuzz_packet takes packets from the IP header on.
     const std::filesystem::path packet = std::filesystem::path(argv[1]) / "packet";
-    save(packet / "http", -1, http(ip));
+    save(packet / "http", -1, http(Frame(), Frame()));
     save(packet / "dns", -1,
-         {ip(false).udp(5353, 53).payload(kDns).build(),
-          ip(true).udp(53, 5353).payload(kDns).build()});
+         {Frame().ipv4(kA, kB).udp(5353, 53).payload(kDns).build(),
+          Frame().ipv4(kB, kA).udp(53, 5353).payload(kDns).build()});
     return 0;
 }
