@@ -15,10 +15,7 @@ struct item {
     uint32_t key_number;
     std::string key_text, str;
     uint64_t number;
-    bool operator==(const item &o) const {
-        return kind == o.kind && key_kind == o.key_kind && key_number == o.key_number &&
-               key_text == o.key_text && str == o.str && number == o.number;
-    }
+    bool operator==(const item &) const = default;
 };
 
 bool decode(const void *data, size_t size, std::vector<item> *out) {
