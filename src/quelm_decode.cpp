@@ -231,8 +231,9 @@ bool Decoder::ip() {
         info.l3_payload_len = rd16(ip + 4);
         info.l4_protocol = ip[6];
         if (info.l4_protocol == kIpv6DestOptions) {
+            if (avail < 40 + 2) return refuse(QUELM_NOT_DECODED_TRUNCATED);
             const uint32_t ext_len = 8 * (uint32_t(ip[41]) + 1);
-            if (avail < 40 + 2 || avail < 40 + ext_len) return refuse(QUELM_NOT_DECODED_TRUNCATED);
+            if (avail < 40 + ext_len) return refuse(QUELM_NOT_DECODED_TRUNCATED);
             info.l4_protocol = ip[40];
             l4 += ext_len;
         }
