@@ -134,10 +134,11 @@ pelda_detection_module *pelda_init_detection_module(void *prefs, int flags) {
     auto *m = new (std::nothrow) pelda_detection_module();
     if (!m) return nullptr;
     m->guess_on_giveup = 1;
-    for (uint32_t i = 0; i < kNumBuiltinProtocols; ++i) {
+    const builtin_table &t = builtins();
+    for (uint32_t i = 0; i < t.count; ++i) {
         protocol_entry e{};
-        std::snprintf(e.name, sizeof(e.name), "%s", kBuiltinProtocols[i].name);
-        e.category = kBuiltinProtocols[i].category;
+        std::snprintf(e.name, sizeof(e.name), "%s", t.by_id[i]->name);
+        e.category = t.by_id[i]->category;
         if (!m->protocols.push(e)) {
             delete m;
             return nullptr;
@@ -183,10 +184,10 @@ uint16_t pelda_get_proto_by_name(pelda_detection_module *m, const char *name) {
 char *pelda_protocol2name(pelda_detection_module *m, pelda_proto_pair p, char *buf,
                           uint32_t buf_len) {
     if (!buf || buf_len == 0) return nullptr;
-    uint32_t n = m ? m->protocols.size() : kNumBuiltinProtocols;
+    uint32_t n = m ? m->protocols.size() : builtins().count;
     auto name = [&](uint16_t id) -> const char * {
         if (id == 0 || id >= n) return nullptr;
-        return m ? m->protocols[id].name : kBuiltinProtocols[id].name;
+        return m ? m->protocols[id].name : builtins().by_id[id]->name;
     };
     const char *master = name(p.master_protocol), *app = name(p.app_protocol);
     if (master && app && p.master_protocol != p.app_protocol)
@@ -201,12 +202,12 @@ char *pelda_protocol2name(pelda_detection_module *m, pelda_proto_pair p, char *b
 }
 
 uint32_t pelda_get_num_protocols(pelda_detection_module *m) {
-    return m ? m->protocols.size() : kNumBuiltinProtocols;
+    return m ? m->protocols.size() : builtins().count;
 }
 
 const char *pelda_category_get_name(pelda_detection_module *m, uint32_t category) {
     (void)m;  // category names are the same for every module
-    return category < PELDA_NUM_CATEGORIES ? kCategoryNames[category] : nullptr;
+    return category < PELDA_NUM_CATEGORIES ? builtins().category_names[category] : nullptr;
 }
 
 uint32_t pelda_get_proto_category(pelda_detection_module *m, uint16_t proto) {
@@ -217,7 +218,7 @@ int pelda_get_category_by_name(pelda_detection_module *m, const char *name) {
     (void)m;
     if (!name) return -1;
     for (uint32_t i = 0; i < PELDA_NUM_CATEGORIES; ++i)
-        if (strcasecmp(kCategoryNames[i], name) == 0) return int(i);
+        if (strcasecmp(builtins().category_names[i], name) == 0) return int(i);
     return -1;
 }
 
