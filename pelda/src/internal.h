@@ -140,13 +140,14 @@ using extract_fn = bool (*)(context &);
 //   row(91, "TLS", cat::Web).tcp(443).dissector(kTcp, 10, detect_tls, extract_tls).carrier()
 
 // Categories with names of their own; 40-99 are Reserved_N, 100-163 Custom_N.
-#define PELDA_NAMED_CATEGORIES(X)                                                                  \
-    X(Unspecified)                                                                                 \
-    X(Media) X(VPN) X(Email) X(DataTransfer) X(Web) X(SocialNetwork) X(Download) X(Game) X(Chat)   \
-        X(VoIP) X(Database) X(RemoteAccess) X(Cloud) X(Network) X(Collaborative) X(RPC)            \
-            X(Streaming) X(System) X(SoftwareUpdate) X(Music) X(Video) X(Shopping) X(Productivity) \
-                X(FileSharing) X(ConnectivityCheck) X(IoT_Scada) X(Authentication) X(Monitoring)   \
-                    X(Routing) X(Tunnel) X(Mining) X(Malware) X(Advertisement) X(Tracking)         \
+#define PELDA_NAMED_CATEGORIES(X)                                                                \
+    X(Unspecified)                                                                               \
+    X(Media)                                                                                     \
+    X(VPN) X(Email) X(DataTransfer) X(Web) X(SocialNetwork) X(Download) X(Game) X(Chat) X(VoIP)  \
+        X(Database) X(RemoteAccess) X(Cloud) X(Network) X(Collaborative) X(RPC) X(Streaming)     \
+            X(System) X(SoftwareUpdate) X(Music) X(Video) X(Shopping) X(Productivity)            \
+                X(FileSharing) X(ConnectivityCheck) X(IoT_Scada) X(Authentication) X(Monitoring) \
+                    X(Routing) X(Tunnel) X(Mining) X(Malware) X(Advertisement) X(Tracking)       \
                         X(Banking) X(Health) X(News) X(Education) X(Government)
 
 namespace cat {
@@ -288,6 +289,8 @@ void stream_free(pelda_flow *f);
 // ---- Names, custom rules, hashing
 uint16_t category_of(const pelda_detection_module *m, uint16_t proto);
 uint16_t match_host_protocol(const pelda_detection_module *m, const char *host);
+// Sorts the host rules for the look-ups above (after set-up and after loading a file).
+void sort_hosts(pelda_detection_module *m);
 int match_host_category(const pelda_detection_module *m, const char *host);
 void sha1(const void *data, size_t len, uint8_t out[20]);
 

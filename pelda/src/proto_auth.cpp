@@ -1,7 +1,4 @@
 // Authentication and directories: Kerberos, LDAP (and CLDAP), RADIUS.
-
-#include <cctype>
-
 #include "internal.h"
 
 namespace pelda {

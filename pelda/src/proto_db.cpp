@@ -1,7 +1,4 @@
 // Databases: MySQL, PostgreSQL and Redis handshakes; the others by port.
-
-#include <cctype>
-
 #include "internal.h"
 
 namespace pelda {

@@ -1,6 +1,5 @@
 // Name services: DNS over UDP and TCP (name, type, reply code; mDNS and LLMNR by port),
 // NetBIOS, and DNS over TLS by port.
-
 #include <cctype>
 
 #include "internal.h"

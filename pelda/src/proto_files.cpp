@@ -1,6 +1,5 @@
 // File transfer, sharing and printing: FTP control channel (data ports until QUIT or TLS),
 // TFTP, SMB; the others by port.
-
 #include <cctype>
 
 #include "internal.h"

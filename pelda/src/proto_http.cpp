@@ -1,5 +1,4 @@
 // Web: HTTP requests (host, URL, user agent) and responses (status, content type).
-
 #include <cctype>
 
 #include "internal.h"

@@ -1,5 +1,4 @@
 // Mail and news: SMTP (envelope until DATA, STARTTLS or QUIT), POP3, IMAP; their TLS ports.
-
 #include <cctype>
 
 #include "internal.h"

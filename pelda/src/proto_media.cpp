@@ -1,7 +1,4 @@
 // Voice and media: SIP, RTSP and STUN messages; RTP and RTCP by name only.
-
-#include <cctype>
-
 #include "internal.h"
 
 namespace pelda {

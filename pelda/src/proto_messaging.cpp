@@ -1,7 +1,4 @@
 // Chat, messaging and IoT: IRC, MQTT and ZeroMQ handshakes; the others by port.
-
-#include <cctype>
-
 #include "internal.h"
 
 namespace pelda {

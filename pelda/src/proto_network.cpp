@@ -1,6 +1,5 @@
 // Network services and monitoring: NTP, DHCP, SNMP, Syslog and SSDP messages; the others
 // by port or IP protocol.
-
 #include <cctype>
 
 #include "internal.h"

@@ -1,7 +1,4 @@
 // Peer to peer: BitTorrent (TCP handshake, DHT, UDP tracker); Bitcoin by port.
-
-#include <cctype>
-
 #include "internal.h"
 
 namespace pelda {

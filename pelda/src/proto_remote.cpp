@@ -1,7 +1,4 @@
 // Remote access: SSH (both banners), Telnet, VNC, RDP; XDMCP by port.
-
-#include <cctype>
-
 #include "internal.h"
 
 namespace pelda {

@@ -1,7 +1,4 @@
 // Routing: BGP messages; the others by port or IP protocol.
-
-#include <cctype>
-
 #include "internal.h"
 
 namespace pelda {

@@ -1,6 +1,5 @@
 // Encrypted web transports: TLS over TCP (handshake across segments, server name, ALPN,
 // versions, first certificate) and QUIC (versions, early versions' server name).
-
 #include <cctype>
 
 #include "internal.h"

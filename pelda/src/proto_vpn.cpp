@@ -1,7 +1,4 @@
 // VPNs and tunnels: OpenVPN, WireGuard and IKE handshakes; the others by port or IP protocol.
-
-#include <cctype>
-
 #include "internal.h"
 
 namespace pelda {
