@@ -54,11 +54,11 @@ std::vector<flow_packets> mix() {
     pt::bytes initial = pt::hex("c3 00000001 08 0102030405060708 00 00 4496");
     initial.resize(1200);
     flows.push_back({{pt::udp(c, q, initial), 1}});
-    pt::conversation ssh({"10.0.0.1", 40001}, {"10.0.0.22", 22});
+    pt::conversation ssh{{"10.0.0.1", 40001}, {"10.0.0.22", 22}};
     ssh.handshake();
     ssh.server_sends(pt::text("SSH-2.0-OpenSSH_9.2p1 Debian-2\r\n"));
     flows.push_back(ssh.packets);
-    pt::conversation opaque({"10.0.0.1", 40002}, {"10.0.0.7", 9999});
+    pt::conversation opaque{{"10.0.0.1", 40002}, {"10.0.0.7", 9999}};
     opaque.handshake();
     for (int i = 0; i < 10; ++i) {
         opaque.client_sends(pt::bytes(300, uint8_t(i * 37)));
@@ -108,7 +108,7 @@ BENCHMARK(BM_DetectionMix);
 // A flow whose detection is over: what every later packet of a flow costs.
 void BM_DecidedFlow(benchmark::State &state) {
     pt::owned_module m;
-    pt::conversation t({"10.0.0.1", 40000}, {"10.0.0.2", 80});
+    pt::conversation t{{"10.0.0.1", 40000}, {"10.0.0.2", 80}};
     t.handshake();
     t.client_sends(pt::text("GET / HTTP/1.1\r\nHost: a.example\r\n\r\n"));
     t.server_sends(pt::text("HTTP/1.1 200 OK\r\n\r\n"));

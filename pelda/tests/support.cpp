@@ -11,25 +11,30 @@
 
 namespace pt {
 
+bytes hex(const std::string &h) {
+    std::string d;
+    std::copy_if(h.begin(), h.end(), std::back_inserter(d), [](char c) { return isxdigit(c); });
+    bytes out;
+    for (size_t i = 0; i + 1 < d.size(); i += 2)
+        out.push_back(uint8_t(std::stoul(d.substr(i, 2), nullptr, 16)));
+    return out;
+}
+
 namespace {
 
 uint16_t be16(const uint8_t *p) {
     return uint16_t(p[0] << 8 | p[1]);
 }
 
-bool ip_type(uint16_t t) {
-    return t == 0x0800 || t == 0x86DD;
-}
-
 // Offset of the IP header for a link type, or -1.
 int ip_offset(int linktype, const uint8_t *p, uint32_t len) {
+    auto ip = [](uint16_t type) { return type == 0x0800 || type == 0x86DD; };
+    uint32_t off = 12;
     switch (linktype) {
-        case DLT_EN10MB: {
-            uint32_t off = 12;
+        case DLT_EN10MB:
             while (off + 2 <= len && (be16(p + off) == 0x8100 || be16(p + off) == 0x88A8))
                 off += 4;
-            return off + 2 <= len && ip_type(be16(p + off)) ? int(off + 2) : -1;
-        }
+            return off + 2 <= len && ip(be16(p + off)) ? int(off + 2) : -1;
         case DLT_RAW:
         case 14:
         case DLT_IPV4:
@@ -39,33 +44,35 @@ int ip_offset(int linktype, const uint8_t *p, uint32_t len) {
         case DLT_LOOP:
             return len >= 4 ? 4 : -1;
         case DLT_LINUX_SLL:
-            return len >= 16 && ip_type(be16(p + 14)) ? 16 : -1;
+            return len >= 16 && ip(be16(p + 14)) ? 16 : -1;
         case 276:  // Linux cooked v2
-            return len >= 20 && ip_type(be16(p)) ? 20 : -1;
+            return len >= 20 && ip(be16(p)) ? 20 : -1;
         case DLT_PPP:
             return len >= 4 && (be16(p + 2) == 0x0021 || be16(p + 2) == 0x0057) ? 4 : -1;
-        default:
-            return -1;
     }
+    return -1;
 }
 
-// Canonical key of a packet's bidirectional flow, or "" for later fragments.
+// The packet's bidirectional flow (IP protocol, sorted addresses and ports), or "" for
+// packets other than IPv4 first fragments and IPv6.
 std::string flow_key(const bytes &ip, uint8_t *proto) {
-    size_t alen, src, l4;
+    size_t alen = 16, src = 8, l4 = 40;
     if (ip.size() >= 20 && ip[0] >> 4 == 4 && !(be16(&ip[6]) & 0x1FFF))
         alen = 4, src = 12, l4 = size_t(ip[0] & 15) * 4, *proto = ip[9];
     else if (ip.size() >= 40 && ip[0] >> 4 == 6)
-        alen = 16, src = 8, l4 = 40, *proto = ip[6];
+        *proto = ip[6];
     else
         return "";
-    bool ports = (*proto == 6 || *proto == 17) && ip.size() >= l4 + 4;
-    std::string a(ip.begin() + long(src), ip.begin() + long(src + alen));
-    std::string b(ip.begin() + long(src + alen), ip.begin() + long(src + 2 * alen));
-    if (ports) {
-        a.append(ip.begin() + long(l4), ip.begin() + long(l4 + 2));
-        b.append(ip.begin() + long(l4 + 2), ip.begin() + long(l4 + 4));
-    }
-    return std::string(1, char(*proto)) + std::min(a, b) + "|" + std::max(a, b);
+    std::string a(&ip[src], &ip[src] + alen), b(&ip[src + alen], &ip[src + alen] + alen);
+    if ((*proto == 6 || *proto == 17) && ip.size() >= l4 + 4)
+        a.append(&ip[l4], &ip[l4] + 2), b.append(&ip[l4 + 2], &ip[l4 + 2] + 2);
+    return char(*proto) + std::min(a, b) + "|" + std::max(a, b);
+}
+
+quelm_test::Frame frame(const endpoint &src, const endpoint &dst) {
+    quelm_test::Frame f;
+    if (src.addr.find(':') != std::string::npos) return f.ipv6(src.addr.c_str(), dst.addr.c_str());
+    return f.ipv4(src.addr.c_str(), dst.addr.c_str());
 }
 
 }  // namespace
@@ -78,24 +85,37 @@ bool read_capture(const std::string &path, std::vector<packet> *out) {
     const u_char *data;
     while (pcap_next_ex(p, &h, &data) == 1) {
         int off = ip_offset(pcap_datalink(p), data, h->caplen);
-        if (off < 0 || uint32_t(off) >= h->caplen) continue;
         uint64_t ms = uint64_t(h->ts.tv_sec) * 1000 + uint64_t(h->ts.tv_usec) / 1000;
-        out->push_back({bytes(data + off, data + h->caplen), ms});
+        if (off >= 0 && uint32_t(off) < h->caplen)
+            out->push_back({bytes(data + off, data + h->caplen), ms});
     }
     pcap_close(p);
     return true;
 }
 
-std::string corpus_file(const std::string &name) {
-    std::string path = std::string(PELDA_CORPUS_DIR) + "/tcpdump/" + name;
-    FILE *f = std::fopen(path.c_str(), "rb");
-    if (!f) return "";
-    std::fclose(f);
-    return path;
+bytes udp(const endpoint &src, const endpoint &dst, const bytes &payload) {
+    return frame(src, dst).udp(src.port, dst.port).payload(payload).build_ip();
 }
 
-std::string data_file(const std::string &name) {
-    return std::string(PELDA_TEST_DATA_DIR) + "/" + name;
+bytes tcp(const endpoint &src, const endpoint &dst, uint32_t seq, uint8_t flags,
+          const bytes &payload) {
+    return frame(src, dst).tcp(src.port, dst.port, flags, 5, seq).payload(payload).build_ip();
+}
+
+void conversation::handshake() {
+    packets.push_back({tcp(c, s, cseq - 1, 0x02), packets.size()});
+    packets.push_back({tcp(s, c, sseq - 1, 0x12), packets.size()});
+    packets.push_back({tcp(c, s, cseq, 0x10), packets.size()});
+}
+
+void conversation::client_sends(const bytes &payload) {
+    packets.push_back({tcp(c, s, cseq, 0x18, payload), packets.size()});
+    cseq += uint32_t(payload.size());
+}
+
+void conversation::server_sends(const bytes &payload) {
+    packets.push_back({tcp(s, c, sseq, 0x18, payload), packets.size()});
+    sseq += uint32_t(payload.size());
 }
 
 owned_module::owned_module(bool guess) {
@@ -121,7 +141,6 @@ std::string summary(pelda_detection_module *m, const pelda_protocol &r, const pe
     char buf[128];
     std::string s = pelda_protocol2name(m, {r.master_protocol, r.app_protocol}, buf, sizeof(buf));
     if (!f) return s;
-    // The fields callers read, at their fixed offsets.
     const uint8_t *b = reinterpret_cast<const uint8_t *>(f);
     const char *name, *url;
     uint16_t code, qtype;
@@ -142,12 +161,13 @@ std::string summary(pelda_detection_module *m, const pelda_protocol &r, const pe
 }
 
 std::vector<flow_result> drive(pelda_detection_module *m, const std::vector<packet> &packets,
-                               const drive_options &opt) {
+                               bool extra_dissection) {
     struct state {
-        flow_ptr flow;
+        flow_ptr flow = new_flow();
         flow_result r;
-        bool done = false;
+        uint32_t packets = 0;
         uint8_t proto = 0;
+        bool done = false;
     };
     std::map<std::string, state> flows;
     std::vector<state *> order;
@@ -157,93 +177,43 @@ std::vector<flow_result> drive(pelda_detection_module *m, const std::vector<pack
         if (key.empty()) continue;
         auto [it, fresh] = flows.try_emplace(key);
         state &s = it->second;
-        if (fresh) {
-            order.push_back(&s);
-            s.proto = proto;
-            s.flow = new_flow();
-            if (proto != 6 && proto != 17) {
-                const uint8_t *a = pk.ip.data() + 12;
-                uint32_t sa = 0, da = 0;
-                if (pk.ip[0] >> 4 == 4) sa = uint32_t(a[0]) << 24 | a[1] << 16 | a[2] << 8 | a[3];
-                if (pk.ip[0] >> 4 == 4) da = uint32_t(a[4]) << 24 | a[5] << 16 | a[6] << 8 | a[7];
-                s.r.result = pelda_guess_undetected_protocol_v4(m, nullptr, proto, sa, 0, da, 0);
-                s.r.guessed = s.done = true;
-                s.r.packet_decided = 1;
-            }
+        if (fresh) order.push_back(&s), s.proto = proto;
+        if (fresh && proto != 6 && proto != 17) {
+            const uint8_t *a = pk.ip.data() + 12;
+            bool v4 = pk.ip[0] >> 4 == 4;
+            uint32_t sa = v4 ? uint32_t(a[0]) << 24 | a[1] << 16 | a[2] << 8 | a[3] : 0;
+            uint32_t da = v4 ? uint32_t(a[4]) << 24 | a[5] << 16 | a[6] << 8 | a[7] : 0;
+            s.r.result = pelda_guess_undetected_protocol_v4(m, nullptr, proto, sa, 0, da, 0);
+            s.r.guessed = s.done = true;
+            s.r.packet_decided = 1;
         }
-        s.r.packets++;
         if (s.done) continue;
-        uint32_t limit = s.proto == 6 ? opt.tcp_limit : opt.udp_limit;
+        uint32_t n = ++s.packets, limit = proto == 6 ? 12 : 5;
         pelda_protocol r = pelda_detection_process_packet(
             m, s.flow.get(), pk.ip.data(), uint32_t(pk.ip.size()), pk.time_ms, nullptr);
         if (r.master_protocol || r.app_protocol) {
-            s.r.result = r;
-            // Longer budgets of the callers for SMTP (3) and FTP_CONTROL (77).
+            // The callers' longer budgets of SMTP (3) and FTP_CONTROL (77).
             uint16_t p = r.master_protocol ? r.master_protocol : r.app_protocol;
-            uint32_t extra = p == 77  ? std::max(limit, 100u)
-                             : p == 3 ? std::max(limit, 20u)
-                                      : limit;
-            s.done = s.r.packets > extra || !opt.extra_dissection || r.state == PELDA_STATE_DONE;
-        } else if (s.r.packets > limit) {
+            uint32_t budget = p == 77 ? 100 : p == 3 ? 20 : limit;
+            s.r.result = r;
+            s.done = !extra_dissection || r.state == PELDA_STATE_DONE || n > budget;
+        } else if (n > limit) {
             s.r.result = pelda_detection_giveup(m, s.flow.get());
             s.r.guessed = s.done = true;
-            std::memcpy(&s.r.giveup_app, reinterpret_cast<const uint8_t *>(s.flow.get()) + 30, 2);
-            // A carrier without an application: the caller takes the guess at byte 30.
+            // A carrier without application: callers take the guess at byte 30.
             if (!s.r.result.app_protocol && s.r.result.master_protocol)
-                s.r.result.app_protocol = s.r.giveup_app;
+                std::memcpy(&s.r.result.app_protocol, (const char *)s.flow.get() + 30, 2);
         }
-        if (s.done) s.r.packet_decided = s.r.packets;
+        if (s.done) s.r.packet_decided = n;
     }
     std::vector<flow_result> out;
     for (state *s : order) {
-        s->r.summary =
-            summary(m, s->r.result, s->proto == 6 || s->proto == 17 ? s->flow.get() : nullptr);
+        bool l4 = s->proto == 6 || s->proto == 17;
+        s->r.summary = summary(m, s->r.result, l4 ? s->flow.get() : nullptr);
         if (s->r.guessed) s->r.summary += " guessed";
         out.push_back(std::move(s->r));
     }
     return out;
-}
-
-bytes hex(const std::string &h) {
-    bytes out;
-    std::string digits;
-    for (char ch : h)
-        if (std::isxdigit(static_cast<unsigned char>(ch))) digits += ch;
-    for (size_t i = 0; i + 1 < digits.size(); i += 2)
-        out.push_back(uint8_t(std::stoul(digits.substr(i, 2), nullptr, 16)));
-    return out;
-}
-
-namespace {
-
-quelm_test::Frame ip(const endpoint &src, const endpoint &dst) {
-    quelm_test::Frame f;
-    bool v6 = src.addr.find(':') != std::string::npos;
-    return v6 ? f.ipv6(src.addr.c_str(), dst.addr.c_str())
-              : f.ipv4(src.addr.c_str(), dst.addr.c_str());
-}
-
-}  // namespace
-
-bytes udp(const endpoint &src, const endpoint &dst, const bytes &payload) {
-    return ip(src, dst).udp(src.port, dst.port).payload(payload).build_ip();
-}
-
-bytes tcp(const endpoint &src, const endpoint &dst, uint32_t seq, uint8_t flags,
-          const bytes &payload) {
-    return ip(src, dst).tcp(src.port, dst.port, flags, 5, seq).payload(payload).build_ip();
-}
-
-void conversation::handshake() {
-    packets.push_back({tcp(c_, s_, cseq_ - 1, 0x02), t_++});
-    packets.push_back({tcp(s_, c_, sseq_ - 1, 0x12), t_++});
-    packets.push_back({tcp(c_, s_, cseq_, 0x10), t_++});
-}
-
-void conversation::send(const endpoint &from, const endpoint &to, uint32_t &seq,
-                        const bytes &payload) {
-    packets.push_back({tcp(from, to, seq, 0x18, payload), t_++});
-    seq += uint32_t(payload.size());
 }
 
 }  // namespace pt

@@ -72,7 +72,7 @@ TEST_F(Files, ProtocolsFileAddsProtocolsAndRules) {
     EXPECT_EQ(r[0].result.confidence, uint32_t(PELDA_CONFIDENCE_CUSTOM_RULE));
     EXPECT_EQ(r[0].packet_decided, 1u);
     // Host rule: the application over HTTP, also for subdomains.
-    pt::conversation c({"10.0.0.1", 40001}, {"10.0.0.2", 80});
+    pt::conversation c{{"10.0.0.1", 40001}, {"10.0.0.2", 80}};
     c.client_sends(pt::text("GET / HTTP/1.1\r\nHost: WWW.Example.com\r\n\r\n"));
     EXPECT_EQ(pt::drive(m, c.packets)[0].summary,
               "HTTP.Intranet sn=www.example.com url=http://www.example.com/");
@@ -121,7 +121,7 @@ TEST_F(Files, CategoriesFileSetsCategoriesByHostAndNetwork) {
     pt::owned_module m;
     std::string path = write("Banking host:bank.example\n150     net:10.1.0.0/16\n");
     ASSERT_EQ(pelda_load_categories_file(m, path.c_str(), nullptr), 2);
-    pt::conversation c({"192.168.0.2", 40000}, {"192.168.0.9", 80});
+    pt::conversation c{{"192.168.0.2", 40000}, {"192.168.0.9", 80}};
     c.client_sends(pt::text("GET /login HTTP/1.1\r\nHost: www.bank.example\r\n\r\n"));
     EXPECT_EQ(pt::drive(m, c.packets)[0].result.category, 35u);  // Banking
     pt::bytes query = pt::hex("1234 0100 0001 0000 0000 0000 01 61 00 0001 0001");
