@@ -56,13 +56,6 @@ bool contains_nocase(const uint8_t *p, uint32_t len, const char *needle) {
     return false;
 }
 
-int find_in(const uint8_t *p, uint32_t len, const char *needle) {
-    size_t n = std::strlen(needle);
-    for (uint32_t i = 0; i + n <= len; ++i)
-        if (std::memcmp(p + i, needle, n) == 0) return int(i);
-    return -1;
-}
-
 uint32_t ber_length(const uint8_t *p, uint32_t len, uint32_t *v) {
     if (len < 1) return 0;
     if (p[0] < 0x80) {

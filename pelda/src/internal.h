@@ -143,7 +143,8 @@ using extract_fn = bool (*)(context &);
 #define PELDA_NAMED_CATEGORIES(X)                                                                \
     X(Unspecified)                                                                               \
     X(Media)                                                                                     \
-    X(VPN) X(Email) X(DataTransfer) X(Web) X(SocialNetwork) X(Download) X(Game) X(Chat) X(VoIP)  \
+    X(VPN)                                                                                       \
+    X(Email) X(DataTransfer) X(Web) X(SocialNetwork) X(Download) X(Game) X(Chat) X(VoIP)         \
         X(Database) X(RemoteAccess) X(Cloud) X(Network) X(Collaborative) X(RPC) X(Streaming)     \
             X(System) X(SoftwareUpdate) X(Music) X(Video) X(Shopping) X(Productivity)            \
                 X(FileSharing) X(ConnectivityCheck) X(IoT_Scada) X(Authentication) X(Monitoring) \
@@ -265,8 +266,13 @@ inline bool is_digit(uint8_t c) {
     return c >= '0' && c <= '9';
 }
 bool contains_nocase(const uint8_t *p, uint32_t len, const char *needle);
-// Offset of `needle` in p[0..len), or -1.
-int find_in(const uint8_t *p, uint32_t len, const char *needle);
+// Offset of `needle` in p[0..len), or -1 (inline: needles are constants).
+inline int find_in(const uint8_t *p, uint32_t len, const char *needle) {
+    size_t n = std::strlen(needle);
+    for (uint32_t i = 0; i + n <= len; ++i)
+        if (std::memcmp(p + i, needle, n) == 0) return int(i);
+    return -1;
+}
 // Length of a BER length field at p[0], value length in *v; 0 when malformed.
 uint32_t ber_length(const uint8_t *p, uint32_t len, uint32_t *v);
 
