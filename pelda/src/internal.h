@@ -140,16 +140,15 @@ using extract_fn = bool (*)(context &);
 //   row(91, "TLS", cat::Web).tcp(443).dissector(kTcp, 10, detect_tls, extract_tls).carrier()
 
 // Categories with names of their own; 40-99 are Reserved_N, 100-163 Custom_N.
-#define PELDA_NAMED_CATEGORIES(X)                                                                \
-    X(Unspecified)                                                                               \
-    X(Media)                                                                                     \
-    X(VPN)                                                                                       \
-    X(Email) X(DataTransfer) X(Web) X(SocialNetwork) X(Download) X(Game) X(Chat) X(VoIP)         \
-        X(Database) X(RemoteAccess) X(Cloud) X(Network) X(Collaborative) X(RPC) X(Streaming)     \
-            X(System) X(SoftwareUpdate) X(Music) X(Video) X(Shopping) X(Productivity)            \
-                X(FileSharing) X(ConnectivityCheck) X(IoT_Scada) X(Authentication) X(Monitoring) \
-                    X(Routing) X(Tunnel) X(Mining) X(Malware) X(Advertisement) X(Tracking)       \
-                        X(Banking) X(Health) X(News) X(Education) X(Government)
+// clang-format off
+#define PELDA_NAMED_CATEGORIES(X)                                                            \
+    X(Unspecified) X(Media) X(VPN) X(Email) X(DataTransfer) X(Web) X(SocialNetwork)          \
+    X(Download) X(Game) X(Chat) X(VoIP) X(Database) X(RemoteAccess) X(Cloud) X(Network)      \
+    X(Collaborative) X(RPC) X(Streaming) X(System) X(SoftwareUpdate) X(Music) X(Video)       \
+    X(Shopping) X(Productivity) X(FileSharing) X(ConnectivityCheck) X(IoT_Scada)             \
+    X(Authentication) X(Monitoring) X(Routing) X(Tunnel) X(Mining) X(Malware)                \
+    X(Advertisement) X(Tracking) X(Banking) X(Health) X(News) X(Education) X(Government)
+// clang-format on
 
 namespace cat {
 #define PELDA_CATEGORY_ID(name) name,
