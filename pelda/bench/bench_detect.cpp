@@ -43,22 +43,22 @@ std::vector<flow_packets> mix() {
             flows.push_back(fl);
     }
     pt::endpoint c{"10.0.0.1", 40000}, dns{"10.0.0.53", 53}, q{"10.0.0.9", 443};
-    flows.push_back({{pt::ipv4_udp(c, dns,
-                                   pt::hex("abcd 0100 0001 0000 0000 0000 03 777777 07 "
-                                           "6578616d706c65 03 636f6d 00 0001 0001")),
+    flows.push_back({{pt::udp(c, dns,
+                              pt::hex("abcd 0100 0001 0000 0000 0000 03 777777 07 "
+                                      "6578616d706c65 03 636f6d 00 0001 0001")),
                       1},
-                     {pt::ipv4_udp(dns, c,
-                                   pt::hex("abcd 8180 0001 0000 0000 0000 03 777777 07 "
-                                           "6578616d706c65 03 636f6d 00 0001 0001")),
+                     {pt::udp(dns, c,
+                              pt::hex("abcd 8180 0001 0000 0000 0000 03 777777 07 "
+                                      "6578616d706c65 03 636f6d 00 0001 0001")),
                       2}});
     pt::bytes initial = pt::hex("c3 00000001 08 0102030405060708 00 00 4496");
     initial.resize(1200);
-    flows.push_back({{pt::ipv4_udp(c, q, initial), 1}});
-    pt::tcp_conversation ssh({"10.0.0.1", 40001}, {"10.0.0.22", 22});
+    flows.push_back({{pt::udp(c, q, initial), 1}});
+    pt::conversation ssh{{"10.0.0.1", 40001}, {"10.0.0.22", 22}};
     ssh.handshake();
     ssh.server_sends(pt::text("SSH-2.0-OpenSSH_9.2p1 Debian-2\r\n"));
     flows.push_back(ssh.packets);
-    pt::tcp_conversation opaque({"10.0.0.1", 40002}, {"10.0.0.7", 9999});
+    pt::conversation opaque{{"10.0.0.1", 40002}, {"10.0.0.7", 9999}};
     opaque.handshake();
     for (int i = 0; i < 10; ++i) {
         opaque.client_sends(pt::bytes(300, uint8_t(i * 37)));
@@ -68,7 +68,7 @@ std::vector<flow_packets> mix() {
     flow_packets udp;
     for (int i = 0; i < 6; ++i)
         udp.push_back(
-            {pt::ipv4_udp(c, {"10.0.0.8", 7777}, pt::bytes(160, uint8_t(0x80 + i))), uint64_t(i)});
+            {pt::udp(c, {"10.0.0.8", 7777}, pt::bytes(160, uint8_t(0x80 + i))), uint64_t(i)});
     flows.push_back(udp);
     return flows;
 }
@@ -108,7 +108,7 @@ BENCHMARK(BM_DetectionMix);
 // A flow whose detection is over: what every later packet of a flow costs.
 void BM_DecidedFlow(benchmark::State &state) {
     pt::owned_module m;
-    pt::tcp_conversation t({"10.0.0.1", 40000}, {"10.0.0.2", 80});
+    pt::conversation t{{"10.0.0.1", 40000}, {"10.0.0.2", 80}};
     t.handshake();
     t.client_sends(pt::text("GET / HTTP/1.1\r\nHost: a.example\r\n\r\n"));
     t.server_sends(pt::text("HTTP/1.1 200 OK\r\n\r\n"));

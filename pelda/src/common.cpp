@@ -1,54 +1,9 @@
-// Helpers shared by dissectors, bounded stream buffers and the dissector table.
+// Helpers shared by dissectors and bounded stream buffers.
 #include <cctype>
 
 #include "internal.h"
 
 namespace pelda {
-
-constexpr uint8_t kTcp = 1, kUdp = 2, kBoth = 3;
-
-// Order matters for flows on no well-known port: specific signatures come first,
-// weak heuristics last.
-const dissector kDissectors[] = {
-    {P_TLS, kTcp, detect_tls, extract_tls},
-    {P_HTTP, kTcp, detect_http, extract_http},
-    {P_RTSP, kTcp, detect_rtsp, nullptr},
-    {P_SIP, kBoth, detect_sip, nullptr},
-    {P_SSDP, kUdp, detect_ssdp, nullptr},
-    {P_SSH, kTcp, detect_ssh, extract_ssh},
-    {P_QUIC, kUdp, detect_quic, nullptr},
-    {P_BITTORRENT, kBoth, detect_bittorrent, nullptr},
-    {P_STUN, kBoth, detect_stun, nullptr},
-    {P_DHCP, kUdp, detect_dhcp, nullptr},
-    {P_WIREGUARD, kUdp, detect_wireguard, nullptr},
-    {P_BGP, kTcp, detect_bgp, nullptr},
-    {P_MYSQL, kTcp, detect_mysql, nullptr},
-    {P_POSTGRESQL, kTcp, detect_postgresql, nullptr},
-    {P_SMB, kTcp, detect_smb, nullptr},
-    {P_NETBIOS, kBoth, detect_netbios, nullptr},
-    {P_RDP, kTcp, detect_rdp, nullptr},
-    {P_VNC, kTcp, detect_vnc, nullptr},
-    {P_MQTT, kTcp, detect_mqtt, nullptr},
-    {P_ZEROMQ, kTcp, detect_zeromq, nullptr},
-    {P_IKE, kUdp, detect_ike, nullptr},
-    {P_DNS, kBoth, detect_dns, extract_dns},
-    {P_SMTP, kTcp, detect_smtp, extract_smtp},
-    {P_FTP_CONTROL, kTcp, detect_ftp, extract_ftp},
-    {P_POP3, kTcp, detect_pop3, nullptr},
-    {P_IMAP, kTcp, detect_imap, nullptr},
-    {P_IRC, kTcp, detect_irc, nullptr},
-    {P_REDIS, kTcp, detect_redis, nullptr},
-    {P_TELNET, kTcp, detect_telnet, nullptr},
-    {P_SNMP, kUdp, detect_snmp, nullptr},
-    {P_KERBEROS, kBoth, detect_kerberos, nullptr},
-    {P_LDAP, kBoth, detect_ldap, nullptr},
-    {P_OPENVPN, kBoth, detect_openvpn, nullptr},
-    {P_NTP, kUdp, detect_ntp, nullptr},
-    {P_TFTP, kUdp, detect_tftp, nullptr},
-    {P_RADIUS, kUdp, detect_radius, nullptr},
-    {P_SYSLOG, kBoth, detect_syslog, nullptr},
-};
-const uint32_t kNumDissectors = sizeof(kDissectors) / sizeof(kDissectors[0]);
 
 bool starts_with(const uint8_t *p, uint32_t len, const char *prefix) {
     size_t n = std::strlen(prefix);
@@ -92,6 +47,40 @@ uint32_t line_length(const uint8_t *p, uint32_t len) {
     for (uint32_t i = 0; i < len; ++i)
         if (p[i] == '\r' || p[i] == '\n') return i;
     return len;
+}
+
+bool contains_nocase(const uint8_t *p, uint32_t len, const char *needle) {
+    size_t n = std::strlen(needle);
+    for (uint32_t i = 0; i + n <= len; ++i)
+        if (starts_with_nocase(p + i, len - i, needle)) return true;
+    return false;
+}
+
+uint32_t ber_length(const uint8_t *p, uint32_t len, uint32_t *v) {
+    if (len < 1) return 0;
+    if (p[0] < 0x80) {
+        *v = p[0];
+        return 1;
+    }
+    uint32_t n = p[0] & 0x7F;
+    if (n == 0 || n > 4 || len < 1 + n) return 0;
+    uint32_t x = 0;
+    for (uint32_t i = 1; i <= n; ++i)
+        x = x << 8 | p[i];
+    *v = x;
+    return 1 + n;
+}
+
+const uint8_t *other_first(const context &c, uint32_t *len) {
+    int o = c.pkt->dir ^ 1;
+    *len = c.flow->first_payload_len[o];
+    return *len ? c.flow->first_payload[o] : nullptr;
+}
+
+bool reply_code(const uint8_t *p, uint32_t len, int code) {
+    if (len < 4 || !is_digit(p[0]) || !is_digit(p[1]) || !is_digit(p[2])) return false;
+    if (p[3] != ' ' && p[3] != '-' && p[3] != '\r') return false;
+    return code == 0 || (p[0] - '0') * 100 + (p[1] - '0') * 10 + (p[2] - '0') == code;
 }
 
 bool stream_append(pelda_flow *f, int dir, const uint8_t *p, uint32_t len) {

@@ -194,8 +194,8 @@ uint16_t host_category(const pelda_detection_module *m, const pelda_flow *f, uin
 // protocol of their server name as application.
 void set_detected(pelda_detection_module *m, pelda_flow *f, uint16_t proto, uint8_t confidence) {
     uint16_t app = 0;
-    if (proto == P_HTTP || proto == P_TLS || proto == P_DNS || proto == P_QUIC || proto == P_MDNS)
-        app = match_host_protocol(m, f->server_name);
+    const protocol_def *def = builtin(proto);
+    if (def && def->is_carrier) app = match_host_protocol(m, f->server_name);
     if (app && app != proto) {
         f->master_protocol = proto;
         f->app_protocol = app;
@@ -213,9 +213,8 @@ bool port_in(const port_range *r, uint16_t port) {
     return false;
 }
 
-bool builtin_port_match(uint16_t proto, bool tcp, uint16_t a, uint16_t b) {
-    const builtin_protocol &bp = kBuiltinProtocols[proto];
-    const port_range *r = tcp ? bp.tcp : bp.udp;
+bool builtin_port_match(const protocol_def &p, bool tcp, uint16_t a, uint16_t b) {
+    const port_range *r = tcp ? p.tcp_ports : p.udp_ports;
     return port_in(r, a) || port_in(r, b);
 }
 
@@ -227,10 +226,10 @@ uint16_t custom_port_match(const pelda_detection_module *m, uint8_t l4, uint16_t
 
 // Built-in protocol of the well-known port, the server's (first argument) first.
 uint16_t builtin_port_guess(uint8_t l4, uint16_t server_port, uint16_t client_port) {
-    bool tcp = l4 == 6;
+    const builtin_table &t = builtins();
     for (uint16_t port : {server_port, client_port})
-        for (uint32_t i = 1; i < kNumBuiltinProtocols; ++i)
-            if (port_in(tcp ? kBuiltinProtocols[i].tcp : kBuiltinProtocols[i].udp, port))
+        for (uint32_t i = 1; i < t.count; ++i)
+            if (port_in(l4 == 6 ? t.by_id[i]->tcp_ports : t.by_id[i]->udp_ports, port))
                 return uint16_t(i);
     return 0;
 }
@@ -250,23 +249,24 @@ void finish(pelda_flow *f) {
 
 void inspect(pelda_detection_module *m, pelda_flow *f, const packet_view &pv) {
     context c{m, f, &pv, 0};
-    uint8_t l4bit = pv.tcp ? 1 : 2;
-    // Dissectors of the flow's well-known ports first, then the others in table order.
+    uint8_t l4bit = pv.tcp ? kTcp : kUdp;
+    const builtin_table &t = builtins();
+    // Dissectors of the flow's well-known ports first, then the others by rank.
     for (int round = 0; round < 2; ++round) {
-        for (uint32_t i = 0; i < kNumDissectors; ++i) {
-            const dissector &d = kDissectors[i];
-            if (!(d.l4 & l4bit) || excluded(f, d.proto)) continue;
-            bool on_port = builtin_port_match(d.proto, pv.tcp, f->server_port, f->client_port);
+        for (uint32_t i = 0; i < t.num_dissectors; ++i) {
+            const protocol_def &d = *t.dissectors[i];
+            if (!(d.l4 & l4bit) || excluded(f, d.id)) continue;
+            bool on_port = builtin_port_match(d, pv.tcp, f->server_port, f->client_port);
             if (on_port != (round == 0)) continue;
             c.detected = 0;
             verdict v = d.detect(c);
             if (v == verdict::no) {
-                exclude(f, d.proto);
+                exclude(f, d.id);
             } else if (v == verdict::yes) {
-                uint16_t proto = c.detected ? c.detected : d.proto;
+                uint16_t proto = c.detected ? c.detected : d.id;
                 set_detected(m, f, proto, PELDA_CONFIDENCE_DPI);
                 f->partial_protocol = 0;
-                const dissector *named = find_dissector(proto);
+                const protocol_def *named = builtin(proto);
                 f->state = named && named->extract ? PELDA_STATE_EXTRACTING : PELDA_STATE_DONE;
                 if (f->state == PELDA_STATE_EXTRACTING) {
                     // Let the extractor say at once whether this packet already told everything.
@@ -293,16 +293,6 @@ void keep_first_payload(pelda_flow *f, int dir, const uint8_t *p, uint32_t n) {
 }
 
 }  // namespace
-
-namespace pelda {
-
-const dissector *find_dissector(uint16_t proto) {
-    for (uint32_t i = 0; i < kNumDissectors; ++i)
-        if (kDissectors[i].proto == proto) return &kDissectors[i];
-    return nullptr;
-}
-
-}  // namespace pelda
 
 extern "C" {
 
@@ -371,8 +361,7 @@ pelda_protocol pelda_detection_process_packet(pelda_detection_module *m, pelda_f
             f->partial_protocol)
             inspect(m, f, pv);
     } else if (f->state == PELDA_STATE_EXTRACTING) {
-        const dissector *d =
-            find_dissector(f->master_protocol ? f->master_protocol : f->app_protocol);
+        const protocol_def *d = builtin(f->master_protocol ? f->master_protocol : f->app_protocol);
         context c{m, f, &pv, 0};
         bool reassembling = f->stream[0] || f->stream[1];  // bounded by the buffers
         if (!d || !d->extract || d->extract(c) ||
@@ -433,8 +422,9 @@ pelda_protocol pelda_guess_undetected_protocol_v4(pelda_detection_module *m, pel
         if (!guess) guess = custom_port_match(m, proto, sport);
         if (guess) confidence = PELDA_CONFIDENCE_CUSTOM_RULE;
     } else {
-        for (uint32_t i = 1; i < kNumBuiltinProtocols && !guess; ++i)
-            if (kBuiltinProtocols[i].ip_protocol == proto) guess = uint16_t(i);
+        const builtin_table &t = builtins();
+        for (uint32_t i = 1; i < t.count && !guess; ++i)
+            if (t.by_id[i]->ip_protocol == proto) guess = uint16_t(i);
         if (guess) confidence = PELDA_CONFIDENCE_GUESS_PROTO;
     }
     uint16_t by_ip = 0;

@@ -1,5 +1,5 @@
-// Engine internals shared by the source files: the module, the protocol table,
-// small containers that never throw, and the dissector interface.
+// Engine internals shared by the source files: small containers that never throw, the
+// module, the dissector interface, the built-in protocol rows and helpers for dissectors.
 #ifndef PELDA_INTERNAL_H
 #define PELDA_INTERNAL_H
 
@@ -53,138 +53,7 @@ class vec {
     uint32_t cap_ = 0;
 };
 
-// ---- Protocol table
 constexpr unsigned kNameMax = 48;
-
-struct port_range {
-    uint16_t lo, hi;
-};
-
-struct builtin_protocol {
-    uint16_t id;
-    const char *name;
-    uint16_t category;
-    uint8_t ip_protocol;  // non-zero: guessed for flows of this IP protocol
-    port_range tcp[3];
-    port_range udp[3];
-};
-
-extern const builtin_protocol kBuiltinProtocols[];
-extern const uint32_t kNumBuiltinProtocols;  // entries of kBuiltinProtocols, ids 0..n-1
-extern const char *const kCategoryNames[PELDA_NUM_CATEGORIES];
-
-// Protocol ids used by the code (the table in protocols.cpp is the reference).
-enum proto_id : uint16_t {
-    P_UNKNOWN = 0,
-    P_FTP_DATA = 1,
-    P_POP3 = 2,
-    P_SMTP = 3,
-    P_IMAP = 4,
-    P_DNS = 5,
-    P_IPP = 6,
-    P_HTTP = 7,
-    P_MDNS = 8,
-    P_NTP = 9,
-    P_NETBIOS = 10,
-    P_NFS = 11,
-    P_SSDP = 12,
-    P_BGP = 13,
-    P_SNMP = 14,
-    P_XDMCP = 15,
-    P_SMB = 16,
-    P_SYSLOG = 17,
-    P_DHCP = 18,
-    P_POSTGRESQL = 19,
-    P_MYSQL = 20,
-    P_REDIS = 21,
-    P_SIP = 22,
-    P_STUN = 23,
-    P_BITTORRENT = 24,
-    P_KERBEROS = 25,
-    P_LDAP = 26,
-    P_IRC = 27,
-    P_TELNET = 28,
-    P_VNC = 29,
-    P_OPENVPN = 30,
-    P_WIREGUARD = 31,
-    P_SSH = 32,
-    P_RDP = 33,
-    P_QUIC = 34,
-    P_TFTP = 35,
-    P_RADIUS = 36,
-    P_ICMP = 37,
-    P_IGMP = 38,
-    P_GRE = 39,
-    P_ESP = 40,
-    P_AH = 41,
-    P_ICMPV6 = 42,
-    P_OSPF = 43,
-    P_SCTP = 44,
-    P_VRRP = 45,
-    P_PIM = 46,
-    P_IP_IN_IP = 47,
-    P_IKE = 48,
-    P_L2TP = 49,
-    P_PPTP = 50,
-    P_RIP = 51,
-    P_BABEL = 52,
-    P_BFD = 53,
-    P_LDP = 54,
-    P_RPKI_RTR = 55,
-    P_LISP = 56,
-    P_VXLAN = 57,
-    P_GENEVE = 58,
-    P_SFLOW = 59,
-    P_NETFLOW = 60,
-    P_IPFIX = 61,
-    P_WHOIS = 62,
-    P_AFS = 63,
-    P_HSRP = 64,
-    P_LLMNR = 65,
-    P_MSSQL = 66,
-    P_MONGODB = 67,
-    P_MEMCACHED = 68,
-    P_MQTT = 69,
-    P_AMQP = 70,
-    P_XMPP = 71,
-    P_RTSP = 72,
-    P_RTP = 73,
-    P_RTCP = 74,
-    P_MODBUS = 75,
-    P_COAP = 76,
-    P_FTP_CONTROL = 77,
-    P_NNTP = 78,
-    P_SOCKS = 79,
-    P_HTTP_PROXY = 80,
-    P_RSYNC = 81,
-    P_LPD = 82,
-    P_GIT = 83,
-    P_CASSANDRA = 84,
-    P_DHCPV6 = 85,
-    P_NATPMP = 86,
-    P_BITCOIN = 87,
-    P_KAFKA = 88,
-    P_SMTPS = 89,
-    P_IMAPS = 90,
-    P_TLS = 91,
-    P_POP3S = 92,
-    P_DNS_OVER_TLS = 93,
-    P_EIGRP = 94,
-    P_IPV6_IN_IP = 95,
-    P_DCCP = 96,
-    P_RSVP = 97,
-    P_ZEROMQ = 98,
-    P_SOMEIP = 99,
-    P_PTP = 100,
-    P_PGM = 101,
-    P_OPENFLOW = 102,
-    P_AODV = 103,
-    P_OLSR = 104,
-    P_HNCP = 105,
-    P_AHCP = 106,
-    P_WCCP = 107,
-    P_ISAKMP_NAT_T = 108,
-};
 
 // ---- Detection module
 struct custom_port_rule {
@@ -264,64 +133,112 @@ using detect_fn = verdict (*)(context &);
 // Called for packets after detection; returns true when nothing more is to be learnt.
 using extract_fn = bool (*)(context &);
 
-struct dissector {
-    uint16_t proto;
-    uint8_t l4;  // bit 0: TCP, bit 1: UDP
-    detect_fn detect;
-    extract_fn extract;  // null: done as soon as detected
+// ---- Built-in protocols
+// Every built-in protocol is one row of the file of its family (proto_<family>.cpp), which
+// also holds its dissector; families are listed in families.def. Ids are published: never
+// renumber. Rows are written with the helpers below:
+//   row(91, "TLS", cat::Web).tcp(443).dissector(kTcp, 10, detect_tls, extract_tls).carrier()
+
+// Categories with names of their own; 40-99 are Reserved_N, 100-163 Custom_N.
+// clang-format off
+#define PELDA_NAMED_CATEGORIES(X)                                                            \
+    X(Unspecified) X(Media) X(VPN) X(Email) X(DataTransfer) X(Web) X(SocialNetwork)          \
+    X(Download) X(Game) X(Chat) X(VoIP) X(Database) X(RemoteAccess) X(Cloud) X(Network)      \
+    X(Collaborative) X(RPC) X(Streaming) X(System) X(SoftwareUpdate) X(Music) X(Video)       \
+    X(Shopping) X(Productivity) X(FileSharing) X(ConnectivityCheck) X(IoT_Scada)             \
+    X(Authentication) X(Monitoring) X(Routing) X(Tunnel) X(Mining) X(Malware)                \
+    X(Advertisement) X(Tracking) X(Banking) X(Health) X(News) X(Education) X(Government)
+// clang-format on
+
+namespace cat {
+#define PELDA_CATEGORY_ID(name) name,
+enum : uint16_t { PELDA_NAMED_CATEGORIES(PELDA_CATEGORY_ID) kNamed };
+#undef PELDA_CATEGORY_ID
+}  // namespace cat
+
+constexpr uint8_t kTcp = 1, kUdp = 2, kBoth = 3;  // transports a dissector reads
+
+struct port_range {
+    uint16_t lo = 0, hi = 0;
+    constexpr port_range() = default;
+    constexpr port_range(uint16_t port) : lo(port), hi(port) {}  // NOLINT: one port
+    constexpr port_range(uint16_t l, uint16_t h) : lo(l), hi(h) {}
 };
 
-extern const dissector kDissectors[];
-extern const uint32_t kNumDissectors;
-const dissector *find_dissector(uint16_t proto);
+struct protocol_def {
+    uint16_t id = 0;
+    const char *name = nullptr;
+    uint16_t category = 0;
+    uint8_t ip_protocol = 0;  // non-zero: guessed for flows of this IP protocol
+    bool is_carrier = false;  // host rules name an application running over it
+    port_range tcp_ports[3] = {}, udp_ports[3] = {};  // well-known ports
+    uint8_t l4 = 0;                                   // transports of the dissector
+    uint16_t rank = 0;             // dissectors run by ascending rank: specific signatures first
+    detect_fn detect = nullptr;    // null: guessed only
+    extract_fn extract = nullptr;  // null: done as soon as detected
 
-// Dissector entry points, grouped by source file.
-verdict detect_http(context &c);
-bool extract_http(context &c);
-verdict detect_rtsp(context &c);
-verdict detect_tls(context &c);
-bool extract_tls(context &c);
-verdict detect_quic(context &c);
-verdict detect_dns(context &c);
-bool extract_dns(context &c);
-verdict detect_mdns(context &c);
-verdict detect_llmnr(context &c);
-verdict detect_netbios(context &c);
+    // Well-known ports: a number, or {low, high}.
+    constexpr protocol_def tcp(port_range a, port_range b = {}, port_range c = {}) const {
+        protocol_def d = *this;
+        d.tcp_ports[0] = a, d.tcp_ports[1] = b, d.tcp_ports[2] = c;
+        return d;
+    }
+    constexpr protocol_def udp(port_range a, port_range b = {}, port_range c = {}) const {
+        protocol_def d = *this;
+        d.udp_ports[0] = a, d.udp_ports[1] = b, d.udp_ports[2] = c;
+        return d;
+    }
+    constexpr protocol_def ip(uint8_t proto) const {
+        protocol_def d = *this;
+        d.ip_protocol = proto;
+        return d;
+    }
+    constexpr protocol_def dissector(uint8_t transports, uint16_t order, detect_fn detect_,
+                                     extract_fn extract_ = nullptr) const {
+        protocol_def d = *this;
+        d.l4 = transports, d.rank = order, d.detect = detect_, d.extract = extract_;
+        return d;
+    }
+    constexpr protocol_def carrier() const {
+        protocol_def d = *this;
+        d.is_carrier = true;
+        return d;
+    }
+};
 
-verdict detect_ssh(context &c);
-bool extract_ssh(context &c);
-verdict detect_smtp(context &c);
-bool extract_smtp(context &c);
-verdict detect_pop3(context &c);
-verdict detect_imap(context &c);
-verdict detect_ftp(context &c);
-bool extract_ftp(context &c);
-verdict detect_irc(context &c);
-verdict detect_telnet(context &c);
-verdict detect_vnc(context &c);
-verdict detect_sip(context &c);
-verdict detect_ssdp(context &c);
-verdict detect_redis(context &c);
-verdict detect_mysql(context &c);
-verdict detect_postgresql(context &c);
-verdict detect_smb(context &c);
-verdict detect_rdp(context &c);
-verdict detect_bittorrent(context &c);
-verdict detect_ntp(context &c);
-verdict detect_dhcp(context &c);
-verdict detect_snmp(context &c);
-verdict detect_stun(context &c);
-verdict detect_kerberos(context &c);
-verdict detect_ldap(context &c);
-verdict detect_syslog(context &c);
-verdict detect_openvpn(context &c);
-verdict detect_wireguard(context &c);
-verdict detect_bgp(context &c);
-verdict detect_tftp(context &c);
-verdict detect_radius(context &c);
-verdict detect_ike(context &c);
-verdict detect_mqtt(context &c);
-verdict detect_zeromq(context &c);
+constexpr protocol_def row(uint16_t id, const char *name, uint16_t category) {
+    protocol_def d;
+    d.id = id, d.name = name, d.category = category;
+    return d;
+}
+
+struct family {
+    const protocol_def *rows;
+    uint32_t count;
+};
+
+#define PELDA_FAMILY(name) extern const family family_##name;
+#include "families.def"
+#undef PELDA_FAMILY
+// In a family file, after its rows: PELDA_DEFINE_FAMILY(web, kRows);
+#define PELDA_DEFINE_FAMILY(name, rows) \
+    const family family_##name = {rows, sizeof(rows) / sizeof(rows[0])}
+
+// Built-in ids stay below the flow's exclusion bitmap.
+constexpr unsigned kMaxBuiltin = kExcludedWords * 32;
+
+struct builtin_table {
+    const protocol_def *by_id[kMaxBuiltin];  // ids 0..count-1
+    uint32_t count;
+    const protocol_def *dissectors[kMaxBuiltin];  // by rank
+    uint32_t num_dissectors;
+    const char *category_names[PELDA_NUM_CATEGORIES];
+};
+
+// The rows of all families, checked once (unique ids from 0 without gaps).
+const builtin_table &builtins();
+// The built-in row of `id`, or null (custom protocols have none).
+const protocol_def *builtin(uint16_t id);
 
 // ---- Helpers shared by dissectors
 inline uint16_t rd16(const uint8_t *p) {
@@ -344,6 +261,28 @@ bool set_string(char **dst, const char *src, size_t len, bool lower);
 void copy_text(char *dst, size_t dst_size, const uint8_t *src, size_t len);
 // Bytes up to the first CR or LF (or the whole buffer when neither occurs).
 uint32_t line_length(const uint8_t *p, uint32_t len);
+inline bool is_digit(uint8_t c) {
+    return c >= '0' && c <= '9';
+}
+bool contains_nocase(const uint8_t *p, uint32_t len, const char *needle);
+// Offset of `needle` in p[0..len), or -1 (inline: needles are constants).
+inline int find_in(const uint8_t *p, uint32_t len, const char *needle) {
+    size_t n = std::strlen(needle);
+    for (uint32_t i = 0; i + n <= len; ++i)
+        if (std::memcmp(p + i, needle, n) == 0) return int(i);
+    return -1;
+}
+// Length of a BER length field at p[0], value length in *v; 0 when malformed.
+uint32_t ber_length(const uint8_t *p, uint32_t len, uint32_t *v);
+
+// Line protocols: the other direction's first payload (as kept by the engine) or null;
+// a "NNN " or "NNN-" reply line with the given code (0: any).
+const uint8_t *other_first(const context &c, uint32_t *len);
+bool reply_code(const uint8_t *p, uint32_t len, int code);
+// SMTP and FTP open with the same 220 greeting (greeting.cpp); `client_command` starts the
+// client line kept as banner_state::client.
+verdict detect_greeting(context &c, bool want_smtp, const char *client_command);
+void remember_client_line(banner_state &b, const uint8_t *p, uint32_t len, const char *prefix);
 
 // Bounded stream reassembly for handshakes that span segments.
 constexpr uint32_t kClientStreamMax = 16 * 1024;
@@ -355,6 +294,8 @@ void stream_free(pelda_flow *f);
 // ---- Names, custom rules, hashing
 uint16_t category_of(const pelda_detection_module *m, uint16_t proto);
 uint16_t match_host_protocol(const pelda_detection_module *m, const char *host);
+// Sorts the host rules for the look-ups above (after set-up and after loading a file).
+void sort_hosts(pelda_detection_module *m);
 int match_host_category(const pelda_detection_module *m, const char *host);
 void sha1(const void *data, size_t len, uint8_t out[20]);
 

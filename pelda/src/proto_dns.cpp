@@ -1,4 +1,5 @@
-// DNS (UDP and TCP), with mDNS and LLMNR by port, and NetBIOS.
+// Name services: DNS over UDP and TCP (name, type, reply code; mDNS and LLMNR by port),
+// NetBIOS, and DNS over TLS by port.
 #include <cctype>
 
 #include "internal.h"
@@ -6,6 +7,8 @@
 namespace pelda {
 
 namespace {
+
+constexpr uint16_t kMdns = 8, kLlmnr = 65;  // DNS on their ports
 
 struct dns_message {
     uint16_t id;
@@ -112,8 +115,6 @@ void store(pelda_flow *f, const dns_message &d) {
     }
 }
 
-}  // namespace
-
 verdict detect_dns(context &c) {
     const packet_view &pv = *c.pkt;
     const uint8_t *m;
@@ -130,9 +131,9 @@ verdict detect_dns(context &c) {
     std::memset(&c.flow->proto, 0, sizeof(c.flow->proto));
     store(c.flow, d);
     if (either_port(pv, 5353))
-        c.detected = P_MDNS;
+        c.detected = kMdns;
     else if (either_port(pv, 5355))
-        c.detected = P_LLMNR;
+        c.detected = kLlmnr;
     return verdict::yes;
 }
 
@@ -175,5 +176,21 @@ verdict detect_netbios(context &c) {
         return verdict::yes;
     return verdict::no;
 }
+
+constexpr protocol_def kRows[] = {
+    row(PELDA_PROTOCOL_DNS, "DNS", cat::Network)
+        .tcp(53)
+        .udp(53)
+        .dissector(kBoth, 220, detect_dns, extract_dns)
+        .carrier(),
+    row(kMdns, "MDNS", cat::Network).udp(5353).carrier(),
+    row(kLlmnr, "LLMNR", cat::Network).udp(5355),
+    row(10, "NetBIOS", cat::System).tcp(139).udp({137, 138}).dissector(kBoth, 160, detect_netbios),
+    row(93, "DNS_over_TLS", cat::Network).tcp(853),
+};
+
+}  // namespace
+
+PELDA_DEFINE_FAMILY(dns, kRows);
 
 }  // namespace pelda
