@@ -8,6 +8,8 @@
 #include <new>
 #include <string>
 
+#include "packet_builder.h"
+
 namespace quelm_traffic {
 namespace {
 
@@ -40,16 +42,6 @@ inline void put32(uint8_t *p, uint32_t v) {
 // A bijection on 24 bits, so distinct host numbers give distinct but scattered addresses.
 inline uint32_t scatter24(uint32_t v) {
     return (v * 0x9E3779u + 0x5A5A5u) & 0xFFFFFFu;
-}
-
-// The IPv4 header checksum (the one checksum that is cheap to get right: 20 bytes).
-uint16_t ipv4_header_checksum(const uint8_t *h) {
-    uint32_t sum = 0;
-    for (int i = 0; i < 20; i += 2)
-        if (i != 10) sum += uint32_t(h[i]) << 8 | h[i + 1];
-    while (sum >> 16)
-        sum = (sum & 0xFFFF) + (sum >> 16);
-    return uint16_t(~sum);
 }
 
 }  // namespace
@@ -266,23 +258,6 @@ uint32_t Generator::build_frame(Flow &f, uint8_t *frame, uint32_t &wire_len) {
             payload = dir == 1 ? between(1000, 1350) : between(30, 120);
     }
 
-    // Ethernet and optional 802.1Q tag.
-    uint8_t *p = frame;
-    memcpy(p, dir == 0 ? kServerSideMac : kClientSideMac, 6);
-    memcpy(p + 6, dir == 0 ? kClientSideMac : kServerSideMac, 6);
-    if (f.vlan) {
-        p[5] = p[11] = uint8_t(f.vlan);
-        put16(p + 12, 0x8100);
-        put16(p + 14, f.vlan);
-        p += 4;
-    }
-    put16(p + 12, f.ipv6 ? 0x86DD : 0x0800);
-    p += 14;
-    const uint32_t l2 = uint32_t(p - frame);
-    const uint32_t ip_total = ip_header + l4_header + payload;
-    const uint8_t proto = f.kind == kTcp ? 6 : 17;
-    const uint8_t ttl = dir == 0 ? uint8_t(64 - f.client_hops) : uint8_t(56 - f.client_hops);
-
     // Addresses of the client and the server.
     uint8_t client_addr[16], server_addr[16];
     if (f.ipv6) {
@@ -301,43 +276,36 @@ uint32_t Generator::build_frame(Flow &f, uint8_t *frame, uint32_t &wire_len) {
     }
     const uint8_t *src = dir == 0 ? client_addr : server_addr;
     const uint8_t *dst = dir == 0 ? server_addr : client_addr;
+    const uint8_t ttl = dir == 0 ? uint8_t(64 - f.client_hops) : uint8_t(56 - f.client_hops);
 
-    if (f.ipv6) {
-        put32(p, 0x60000000u | ((f.client * 7u + f.cport + uint32_t(dir)) & 0xFFFFF));
-        put16(p + 4, ip_total - 40);
-        p[6] = proto;
-        p[7] = ttl;
-        memcpy(p + 8, src, 16);
-        memcpy(p + 24, dst, 16);
+    // Ethernet (the routers' MACs, their last byte the VLAN on tagged links), IP, transport.
+    quelm_test::Mac src_mac, dst_mac;
+    memcpy(src_mac.data(), dir == 0 ? kClientSideMac : kServerSideMac, 6);
+    memcpy(dst_mac.data(), dir == 0 ? kServerSideMac : kClientSideMac, 6);
+    quelm_test::Frame frame_builder;
+    quelm_test::Frame &b = frame_builder;
+    if (f.vlan) {
+        src_mac[5] = dst_mac[5] = uint8_t(f.vlan);
+        b.eth(src_mac, dst_mac).vlan(f.vlan);
     } else {
-        p[0] = 0x45;
-        p[1] = 0;
-        put16(p + 2, ip_total);
-        put16(p + 4, f.ip_id[dir]++);
-        put16(p + 6, f.kind == kTcp ? 0x4000 : 0);  // TCP sets don't-fragment
-        p[8] = ttl;
-        p[9] = proto;
-        memcpy(p + 12, src, 4);
-        memcpy(p + 16, dst, 4);
-        put16(p + 10, ipv4_header_checksum(p));
+        b.eth(src_mac, dst_mac);
     }
-    p += ip_header;
-
+    if (f.ipv6) {
+        b.ipv6(src, dst, false, (f.client * 7u + f.cport + uint32_t(dir)) & 0xFFFFF, ttl);
+    } else {
+        quelm_test::Ipv4Options o;
+        o.id = f.ip_id[dir]++;
+        o.dont_fragment = f.kind == kTcp;  // TCP sets don't-fragment
+        o.ttl = ttl;
+        o.checksum = true;
+        b.ipv4(src, dst, o);
+    }
     const uint16_t src_port = dir == 0 ? f.cport : f.sport;
     const uint16_t dst_port = dir == 0 ? f.sport : f.cport;
-    put16(p, src_port);
-    put16(p + 2, dst_port);
     if (f.kind == kTcp) {
         uint32_t &seq = f.seq[dir];
-        put32(p + 4, seq);
-        put32(p + 8, tcp_flags & kTcpAck ? f.seq[1 - dir] : 0);
-        p[12] = uint8_t((l4_header / 4) << 4);
-        p[13] = tcp_flags;
-        put16(p + 14, k < 2 ? 64240 : 502);
-        put16(p + 16, 0);
-        put16(p + 18, 0);
-        uint8_t *o = p + 20;
-        uint32_t tsval = f.start_us / 1000 + k * 3;
+        const uint32_t tsval = f.start_us / 1000 + k * 3;
+        uint8_t o[20];
         if (k < 2) {
             o[0] = 2, o[1] = 4;  // MSS
             put16(o + 2, 1500 - ip_header - 40);
@@ -352,18 +320,19 @@ uint32_t Generator::build_frame(Flow &f, uint8_t *frame, uint32_t &wire_len) {
             put32(o + 4, tsval);
             put32(o + 8, tsval - 1);
         }
+        quelm_test::TcpOptions t;
+        t.window = k < 2 ? 64240 : 502;
+        t.options = std::span<const uint8_t>(o, l4_header - 20);
+        b.tcp(src_port, dst_port, tcp_flags, uint8_t(l4_header / 4), seq,
+              tcp_flags & kTcpAck ? f.seq[1 - dir] : 0, t);
         seq += payload + ((tcp_flags & (kTcpSyn | kTcpFin)) ? 1 : 0);
     } else {
-        put16(p + 4, 8 + payload);
-        put16(p + 6, 0);
+        b.udp(src_port, dst_port);
     }
-    p += l4_header;
-
-    uint32_t len = l2 + ip_total;
-    wire_len = std::max<uint32_t>(len, 60);  // Ethernet pads short frames
-    uint32_t caplen = config_.snaplen ? std::min(wire_len, config_.snaplen) : wire_len;
-    uint32_t headers_end = uint32_t(p - frame);
-    if (caplen > headers_end) memset(p, 0, caplen - headers_end);
+    const std::vector<uint8_t> bytes = b.payload(payload, 0).pad_to(60).build();  // Ethernet pads
+    wire_len = uint32_t(bytes.size());
+    const uint32_t caplen = config_.snaplen ? std::min(wire_len, config_.snaplen) : wire_len;
+    memcpy(frame, bytes.data(), caplen);
     return caplen;
 }
 

@@ -9,6 +9,7 @@
 #include <array>
 #include <cstdint>
 #include <initializer_list>
+#include <span>
 #include <string_view>
 #include <vector>
 
@@ -25,6 +26,14 @@ struct Ipv4Options {
     uint8_t ihl = 5;
     uint8_t version = 4;
     int total_length = -1;  // -1: computed
+    bool dont_fragment = false;
+    uint8_t ttl = 64;
+    bool checksum = false;  // fill in the header checksum (else 0)
+};
+
+struct TcpOptions {
+    uint16_t window = 65535;
+    std::span<const uint8_t> options = {};  // option bytes; NOPs fill the rest of the header
 };
 
 class Frame {
@@ -59,33 +68,41 @@ class Frame {
         return *this;
     }
     Frame &ipv4(const char *src, const char *dst, const Ipv4Options &o = {}) {
+        return ipv4(addr<4>(AF_INET, src).data(), addr<4>(AF_INET, dst).data(), o);
+    }
+    Frame &ipv4(const uint8_t *src, const uint8_t *dst, const Ipv4Options &o = {}) {
         link_type(0x0800);
-        ip_.push_back({b_.size(), 4, o.total_length});
+        ip_.push_back({b_.size(), 4, o.total_length, o.checksum});
         put(uint8_t(o.version << 4 | o.ihl));
         put(0);
-        put16(0);  // total length, filled in by bytes()
+        put16(0);  // total length, filled in by build()
         put16(o.id);
-        put16(uint16_t((o.more_fragments ? 0x2000 : 0) | (o.fragment_offset & 0x1FFF)));
-        put(64);
+        put16(uint16_t((o.dont_fragment ? 0x4000 : 0) | (o.more_fragments ? 0x2000 : 0) |
+                       (o.fragment_offset & 0x1FFF)));
+        put(o.ttl);
         proto_at_ = b_.size();
         put(0);
         put16(0);
-        put_addr(AF_INET, src, 4);
-        put_addr(AF_INET, dst, 4);
+        put(src, src + 4);
+        put(dst, dst + 4);
         for (int i = 5; i < o.ihl; i++)
             put32(0x01010101);  // NOP options
         return *this;
     }
     Frame &ipv6(const char *src, const char *dst, bool dest_options = false) {
+        return ipv6(addr<16>(AF_INET6, src).data(), addr<16>(AF_INET6, dst).data(), dest_options);
+    }
+    Frame &ipv6(const uint8_t *src, const uint8_t *dst, bool dest_options = false,
+                uint32_t flow_label = 0, uint8_t hop_limit = 64) {
         link_type(0x86DD);
-        ip_.push_back({b_.size(), 6, -1});
-        put32(0x60000000);
+        ip_.push_back({b_.size(), 6, -1, false});
+        put32(0x60000000 | (flow_label & 0xFFFFF));
         put16(0);
         proto_at_ = b_.size();
         put(0);
-        put(64);
-        put_addr(AF_INET6, src, 16);
-        put_addr(AF_INET6, dst, 16);
+        put(hop_limit);
+        put(src, src + 16);
+        put(dst, dst + 16);
         if (dest_options) {
             b_[proto_at_] = 60;
             proto_at_ = b_.size();
@@ -94,7 +111,7 @@ class Frame {
         return *this;
     }
     Frame &tcp(uint16_t sport, uint16_t dport, uint8_t flags = 0x10, uint8_t data_offset = 5,
-               uint32_t seq = 1000, uint32_t ack = 2000) {
+               uint32_t seq = 1000, uint32_t ack = 2000, const TcpOptions &o = {}) {
         ip_proto(6);
         put16(sport);
         put16(dport);
@@ -102,10 +119,12 @@ class Frame {
         put32(ack);
         put(uint8_t(data_offset << 4));
         put(flags);
-        put16(65535);
+        put16(o.window);
         put32(0);
-        for (int i = 5; i < data_offset && i < 15; i++)
-            put32(0x01010101);
+        const size_t end = b_.size() + 4 * size_t(data_offset > 5 ? data_offset - 5 : 0);
+        put(o.options.begin(), o.options.end());
+        while (b_.size() < end)
+            put(1);  // NOP
         return *this;
     }
     Frame &udp(uint16_t sport, uint16_t dport) {
@@ -148,15 +167,22 @@ class Frame {
         std::vector<uint8_t> out = b_;
         for (const IpLayer &ip : ip_) {
             const size_t rest = out.size() - ip.at;
-            if (ip.version == 4)
+            if (ip.version == 4) {
                 set16(out, ip.at + 2,
                       ip.total_length >= 0 ? uint16_t(ip.total_length) : uint16_t(rest));
-            else
+                if (ip.checksum) set16(out, ip.at + 10, ipv4_checksum(out.data() + ip.at));
+            } else
                 set16(out, ip.at + 4, uint16_t(rest - 40));
         }
         for (size_t at : udp_)
             set16(out, at + 4, uint16_t(out.size() - at));
+        if (out.size() < min_size_) out.resize(min_size_, 0);
         return out;
+    }
+    // Pads the finished frame with zeros to `n` bytes, outside every length (Ethernet's minimum).
+    Frame &pad_to(size_t n) {
+        min_size_ = n;
+        return *this;
     }
     // The finished packet from its first IP header on (for callers that strip the link layer).
     std::vector<uint8_t> build_ip() const {
@@ -171,7 +197,22 @@ class Frame {
         size_t at;
         int version;
         int total_length;
+        bool checksum;
     };
+    template <size_t N>
+    static std::array<uint8_t, N> addr(int family, const char *text) {
+        std::array<uint8_t, N> a{};
+        inet_pton(family, text, a.data());
+        return a;
+    }
+    static uint16_t ipv4_checksum(const uint8_t *h) {
+        uint32_t sum = 0;
+        for (int i = 0; i < 20; i += 2)
+            if (i != 10) sum += uint32_t(h[i]) << 8 | h[i + 1];
+        while (sum >> 16)
+            sum = (sum & 0xFFFF) + (sum >> 16);
+        return uint16_t(~sum);
+    }
     void link_type(uint16_t type) {
         if (type_at_ != 0) set16(b_, type_at_, type);
         type_at_ = 0;
@@ -198,15 +239,10 @@ class Frame {
         put16(uint16_t(x >> 16));
         put16(uint16_t(x));
     }
-    void put_addr(int family, const char *text, size_t len) {
-        uint8_t a[16] = {};
-        inet_pton(family, text, a);
-        b_.insert(b_.end(), a, a + len);
-    }
     std::vector<uint8_t> b_;
     std::vector<IpLayer> ip_;
     std::vector<size_t> udp_;
-    size_t type_at_ = 0, proto_at_ = 0;
+    size_t type_at_ = 0, proto_at_ = 0, min_size_ = 0;
 };
 
 }  // namespace quelm_test
