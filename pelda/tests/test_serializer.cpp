@@ -82,14 +82,11 @@ TEST(Serializer, RoundTrips) {
             }
         },
         [](pelda_serializer *s) {
-            EXPECT_EQ(pelda_serialize_start_of_block(s, "iface"), 0);
-            pelda_serialize_string_string(s, "name", "eth0");
-            pelda_serialize_string_uint32(s, "speed", 1000);
-            EXPECT_EQ(pelda_serialize_end_of_block(s), 0);
-            pelda_serialize_start_of_block(s, "a");
+            EXPECT_EQ(pelda_serialize_start_of_block(s, "a"), 0);
             pelda_serialize_start_of_block(s, "b");
             pelda_serialize_string_uint64(s, "deep", 18446744073709551615ull);
-            pelda_serialize_end_of_block(s);
+            pelda_serialize_string_uint32(s, "speed", 1000);
+            EXPECT_EQ(pelda_serialize_end_of_block(s), 0);
             pelda_serialize_end_of_block(s);
             pelda_serialize_start_of_block(s, "empty");
             pelda_serialize_end_of_block(s);
@@ -116,7 +113,6 @@ TEST(Serializer, StringEscapes) {
          "\"caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80\""},
         {"bad \xff\xfe utf8 \xc3", R"("bad \u00ff\u00fe utf8 \u00c3")"},
         {"\xc0\x80 \xed\xa0\x80", R"("\u00c0\u0080 \u00ed\u00a0\u0080")"},  // overlong, surrogate
-        {R"({"not":"json"})", R"("{\"not\":\"json\"}")"},
     };
     for (const auto &[value, escaped] : cases) {
         writer w = [&](pelda_serializer *s) {
