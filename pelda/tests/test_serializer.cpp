@@ -159,9 +159,9 @@ TEST(TlvReader, RejectsMalformedInput) {
                                    std::string("\x01\x05", 2),              // end of block at 0
                                    std::string("\x01\x07", 2),              // unknown kind
                                    std::string("\x01\x11\x01\xff", 4),      // truncated varint
-                                   std::string("\x01\x13\x01\x7f"
+                                   std::string("\x01\x13\x01\x03"
                                                "ab",
-                                               6),  // string too long
+                                               6),  // string one byte longer than the batch
                                    std::string("\x01\x11\x01\x80\x80\x80\x80\x10", 8)})  // > u32
         EXPECT_EQ(tlv_as_json(bad), "<bad>") << testing::PrintToString(bad);
 }
