@@ -26,17 +26,22 @@ uint16_t be16(const uint8_t *p) {
     return uint16_t(p[0] << 8 | p[1]);
 }
 
+uint32_t be32(const uint8_t *p) {
+    return uint32_t(be16(p)) << 16 | be16(p + 2);
+}
+
 // Offset of the IP header for a link type, or -1.
 int ip_offset(int linktype, const uint8_t *p, uint32_t len) {
-    auto ip = [](uint16_t type) { return type == 0x0800 || type == 0x86DD; };
+    auto ip = [&](uint32_t type_at) {  // the ethertype there says IPv4 or IPv6
+        return type_at + 2 <= len && (be16(p + type_at) == 0x0800 || be16(p + type_at) == 0x86DD);
+    };
     uint32_t off = 12;
     switch (linktype) {
         case DLT_EN10MB:
             while (off + 2 <= len && (be16(p + off) == 0x8100 || be16(p + off) == 0x88A8))
                 off += 4;
-            return off + 2 <= len && ip(be16(p + off)) ? int(off + 2) : -1;
+            return ip(off) ? int(off + 2) : -1;
         case DLT_RAW:
-        case 14:
         case DLT_IPV4:
         case DLT_IPV6:
             return 0;
@@ -44,9 +49,7 @@ int ip_offset(int linktype, const uint8_t *p, uint32_t len) {
         case DLT_LOOP:
             return len >= 4 ? 4 : -1;
         case DLT_LINUX_SLL:
-            return len >= 16 && ip(be16(p + 14)) ? 16 : -1;
-        case 276:  // Linux cooked v2
-            return len >= 20 && ip(be16(p)) ? 20 : -1;
+            return ip(14) ? 16 : -1;
         case DLT_PPP:
             return len >= 4 && (be16(p + 2) == 0x0021 || be16(p + 2) == 0x0057) ? 4 : -1;
     }
@@ -179,10 +182,8 @@ std::vector<flow_result> drive(pelda_detection_module *m, const std::vector<pack
         state &s = it->second;
         if (fresh) order.push_back(&s), s.proto = proto;
         if (fresh && proto != 6 && proto != 17) {
-            const uint8_t *a = pk.ip.data() + 12;
             bool v4 = pk.ip[0] >> 4 == 4;
-            uint32_t sa = v4 ? uint32_t(a[0]) << 24 | a[1] << 16 | a[2] << 8 | a[3] : 0;
-            uint32_t da = v4 ? uint32_t(a[4]) << 24 | a[5] << 16 | a[6] << 8 | a[7] : 0;
+            uint32_t sa = v4 ? be32(&pk.ip[12]) : 0, da = v4 ? be32(&pk.ip[16]) : 0;
             s.r.result = pelda_guess_undetected_protocol_v4(m, nullptr, proto, sa, 0, da, 0);
             s.r.guessed = s.done = true;
             s.r.packet_decided = 1;

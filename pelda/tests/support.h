@@ -21,14 +21,13 @@ struct packet {
     bytes ip;  // from the IP header on
     uint64_t time_ms = 0;
 };
-// A capture's packets from their IP header on (Ethernet and VLAN, raw IP, loopback, Linux
-// cooked and PPP headers stripped); false when the file cannot be read.
+// A capture's packets from their IP header on, link headers stripped; false when unreadable.
 bool read_capture(const std::string &path, std::vector<packet> *out);
 inline std::string data_file(const std::string &name) {
     return PELDA_TEST_DATA_DIR "/" + name;
 }
 
-// Packets from the IP header on (IPv6 for addresses with ':'), by quelm_test::Frame.
+// Packets from the IP header on (IPv6 for addresses with ':').
 struct endpoint {
     std::string addr;
     uint16_t port;
@@ -60,8 +59,8 @@ using flow_ptr = std::unique_ptr<pelda_flow, flow_deleter>;
 flow_ptr new_flow();
 // Every packet to one flow; the last result.
 pelda_protocol feed(pelda_detection_module *m, pelda_flow *f, const std::vector<packet> &pk);
-// "NAME sn=... url=... hc=200 dq=28 dr=3 sha1=...": the name and the fields callers read at
-// fixed offsets of the flow object, those that are set.
+// "NAME sn=... url=... hc=200 dq=28 dr=3 sha1=...": the name and those of the fields callers
+// read at fixed offsets of the flow object that are set.
 std::string summary(pelda_detection_module *m, const pelda_protocol &r, const pelda_flow *f);
 
 struct flow_result {
@@ -70,9 +69,9 @@ struct flow_result {
     uint32_t packet_decided = 0;  // 1-based packet of the flow that ended detection
     std::string summary;          // pt::summary, and " guessed" after a give-up or guess
 };
-// Groups packets into bidirectional flows and runs detection as the flow table does: until a
-// protocol is named (with extra dissection: state 3 or the callers' budget), giving up past
-// 12 TCP / 5 UDP packets, guessing flows of other IP protocols.
+// Runs each bidirectional flow as the flow table does: until a protocol is named (with extra
+// dissection: state DONE or the callers' budget), giving up past 12 TCP / 5 UDP packets,
+// guessing flows of other IP protocols.
 std::vector<flow_result> drive(pelda_detection_module *m, const std::vector<packet> &packets,
                                bool extra_dissection = false);
 
