@@ -109,9 +109,7 @@ TEST_F(Binding, WrongApiRevisionRefusesTheEngine) {
     script.api_version = 0x10000 | 14000;
     testing::internal::CaptureStderr();
     EXPECT_EQ(quelm_create_table(QUELM_FLAG_DPI, 64, 0, 0, 0), nullptr);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "*** pelda library version mismatch, expected API rev.14778 (6.1.0) found rev.14000 "
-              "(9.9.9-stub) ***\n");
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("found rev.14000"), std::string::npos);
     EXPECT_EQ(script.modules_created, 1) << "only the fixture's";
     script.api_version = 0x50000 | 14778;  // only the low 16 bits are the revision
     clear();
