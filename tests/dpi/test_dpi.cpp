@@ -4,9 +4,7 @@
 
 #include <cstdio>
 #include <fstream>
-#include <map>
-#include <string>
-#include <vector>
+#include <memory>
 
 #include "packet_builder.h"
 #include "pelda_stub.h"
@@ -16,23 +14,25 @@
 
 namespace {
 
-using pelda_stub::FlowFields;
 using pelda_stub::result;
 using pelda_stub::script;
 using quelm_test::Frame;
+using Ints = std::vector<int>;
 
 constexpr uint16_t kSmtp = 3, kDns = 5, kHttp = 7, kFtp = 77, kTls = 91, kVideo = 120, kChat = 121;
 constexpr uint32_t kGuessed = QUELM_FLOW_FLAG_L7_GUESSED;
 constexpr uint32_t kExtra = QUELM_FLAG_DPI_EXTRA_DISSECTION, kNoGuess = QUELM_FLAG_NO_L7_GUESS;
+const std::map<uint16_t, std::string> kNames = {
+    {kDns, "DNS"}, {kHttp, "HTTP"}, {kTls, "TLS"}, {kVideo, "Video"}, {kChat, "Chat"}};
 
 enum Kind { kTcp, kUdp, kUdp6, kIcmp };
 
-// Packet `n` (from 1) of a flow from port `port` to 80; even packets go the other way.
-std::vector<uint8_t> packet(Kind kind, int n = 1, uint16_t port = 40000) {
+// Packet `n` (from 1) of a flow from port 40000 to 80; even packets go the other way.
+std::vector<uint8_t> packet(Kind kind, int n = 1) {
     const bool back = n % 2 == 0;
     const char *src = back ? "10.0.0.2" : "10.0.0.1", *dst = back ? "10.0.0.1" : "10.0.0.2";
-    const uint16_t sport = back ? 80 : port, dport = back ? port : 80;
-    if (kind == kUdp6) return Frame().eth().ipv6("fd00::1", "fd00::2").udp(port, 80).build();
+    const uint16_t sport = back ? 80 : 40000, dport = back ? 40000 : 80;
+    if (kind == kUdp6) return Frame().eth().ipv6("fd00::1", "fd00::2").udp(40000, 80).build();
     if (kind == kIcmp) return Frame().eth().ipv4(src, dst).icmp(8, 0).build();
     if (kind == kUdp) return Frame().eth().ipv4(src, dst).udp(sport, dport).payload(10).build();
     return Frame().eth().ipv4(src, dst).tcp(sport, dport).payload(20).build();
@@ -41,16 +41,11 @@ std::vector<uint8_t> packet(Kind kind, int n = 1, uint16_t port = 40000) {
 class Dpi : public ::testing::Test {
   protected:
     void SetUp() override { fresh(QUELM_FLAG_DPI); }
-    void TearDown() override {
-        clear();
-        std::remove(path.c_str());
-    }
+    void TearDown() override { clear(), std::remove(path.c_str()); }
     // A new table and engine script; the flows of the previous table are released.
-    void fresh(uint32_t flags) {
+    void fresh(uint32_t flags, uint32_t protocols = 300) {
         clear();
-        pelda_stub::reset(
-            300,
-            {{kDns, "DNS"}, {kHttp, "HTTP"}, {kTls, "TLS"}, {kVideo, "Video"}, {kChat, "Chat"}});
+        pelda_stub::reset(protocols, kNames);
         t = quelm_create_table(flags, 1024, 30, 120, 0);
         ASSERT_NE(t, nullptr);
         quelm_set_l7_detected_callback(
@@ -61,34 +56,29 @@ class Dpi : public ::testing::Test {
             },
             this);
         quelm_set_flow_export_callback(
-            t, [](quelm_flow *f, void *u) { static_cast<Dpi *>(u)->exported.push_back(f); }, this);
+            t, [](quelm_flow *f, void *u) { static_cast<Dpi *>(u)->exported.emplace_back(f); },
+            this);
     }
     void clear() {
         if (t != nullptr) quelm_destroy_table(t);
         t = nullptr;
-        for (quelm_flow *f : exported)
-            quelm_flow_free(f);
-        exported.clear();
-        events.clear();
-        sent = 0;
+        exported.clear(), events.clear(), sent = 0;
     }
     quelm_action send(const std::vector<uint8_t> &frame, int64_t sec = 100) {
-        sent++;
         const quelm_packet_header h{{sec, 0}, uint32_t(frame.size()), uint32_t(frame.size())};
         const quelm_packet_ext ext{};
-        return quelm_process(t, frame.data(), &h, &ext);
+        return sent++, quelm_process(t, frame.data(), &h, &ext);
     }
     quelm_flow *only_flow() {
         quelm_flush(t);
         EXPECT_EQ(exported.size(), 1u);
-        return exported.empty() ? nullptr : exported.back();
+        return exported.empty() ? nullptr : exported.back().get();
     }
     // Verdicts of a TCP flow whose detection names `master.app` of category `cat` on packet `on`,
     // one letter per packet: '0' default, 'F' forward, 'D' discard, '1' and '2' the user actions.
     std::string verdicts(uint16_t master, uint16_t app, int32_t cat, int on, int packets) {
-        for (int n = 1; n < on; n++)
-            script().answers.push_back({});
-        script().answers.push_back({result(master, app, uint32_t(cat))});
+        script.answers.resize(on - 1);
+        script.answers.push_back({result(master, app, uint32_t(cat))});
         std::string out;
         for (int n = 1; n <= packets; n++)
             out += "0FD12S?"[std::min(send(packet(kTcp, n)), quelm_action(6))];
@@ -102,7 +92,10 @@ class Dpi : public ::testing::Test {
     quelm_table *t = nullptr;
     int sent = 0;
     std::vector<int> events;  // packet number of each L7-detected callback, -1 at export
-    std::vector<quelm_flow *> exported;
+    struct Free {
+        void operator()(quelm_flow *f) { quelm_flow_free(f); }
+    };
+    std::vector<std::unique_ptr<quelm_flow, Free>> exported;
     std::string path = testing::TempDir() + "quelm_rules_" +
                        testing::UnitTest::GetInstance()->current_test_info()->name() + ".conf";
 };
@@ -113,24 +106,15 @@ using Rules = Dpi;
 using Config = Dpi;
 
 TEST_F(Binding, WrongApiRevisionRefusesTheEngine) {
-    clear();
-    pelda_stub::reset();
-    script().api_version = 0x10000 | 14000;
+    script.api_version = 0x10000 | 14000;
     testing::internal::CaptureStderr();
     EXPECT_EQ(quelm_create_table(QUELM_FLAG_DPI, 64, 0, 0, 0), nullptr);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "*** pelda library version mismatch, expected API rev.14778 (6.1.0) found rev.14000 "
-              "(9.9.9-stub) ***\n");
-    EXPECT_EQ(script().modules_created, 0);
-    script().api_version = 0x50000 | 14778;  // only the low 16 bits are the revision
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("found rev.14000"), std::string::npos);
+    EXPECT_EQ(script.modules_created, 1) << "only the fixture's";
+    script.api_version = 0x50000 | 14778;  // only the low 16 bits are the revision
+    clear();
     t = quelm_create_table(QUELM_FLAG_DPI, 64, 0, 0, 0);
     EXPECT_NE(t, nullptr);
-}
-
-TEST_F(Binding, NoGuessFlagTurnsOffTheEnginesGuessOnGiveUp) {
-    EXPECT_TRUE(script().config.empty());
-    fresh(QUELM_FLAG_DPI | kNoGuess);
-    EXPECT_EQ(script().config, (std::map<std::string, std::string>{{"dpi.guess_on_giveup", "0"}}));
 }
 
 TEST_F(Binding, RuleTablesHoldEveryPairOfTheEnginesProtocols) {
@@ -144,11 +128,9 @@ TEST_F(Binding, RuleTablesHoldEveryPairOfTheEnginesProtocols) {
     };
     // clang-format on
     for (const auto &c : cases) {
-        clear();
-        pelda_stub::reset(c.protocols, {{kHttp, "HTTP"}});
-        script().protocols_added_by_load = c.added;
-        script().load_protocols_result = c.load;
-        t = quelm_create_table(QUELM_FLAG_DPI, 64, 0, 0, 0);
+        fresh(QUELM_FLAG_DPI, c.protocols);
+        script.protocols_added_by_load = c.added;
+        script.load_protocols_result = c.load;
         quelm_set_filter_protocol_by_name(t, "HTTP", QUELM_ACTION_DISCARD);
         EXPECT_EQ(c.added != 0 ? quelm_load_pelda_protocols(t, "protocols.txt") : 0, c.load);
         EXPECT_EQ(t->protocol_shift, c.shift) << c.protocols << " + " << c.added;
@@ -160,7 +142,7 @@ TEST_F(Binding, RuleTablesHoldEveryPairOfTheEnginesProtocols) {
 TEST_F(Binding, LentHandleIsNeverReleasedByTheTable) {
     void *lent = quelm_dpi_alloc(1);
     EXPECT_EQ(quelm_set_pelda_handle(t, lent), 0);
-    EXPECT_EQ(script().modules_released, 1) << "the handle the table made is released";
+    EXPECT_EQ(script.modules_released, 1) << "the handle the table made is released";
     EXPECT_EQ(quelm_get_pelda_handle(t), lent);
     clear();
     t = quelm_create_table(0, 64, 0, 0, 0);
@@ -168,7 +150,7 @@ TEST_F(Binding, LentHandleIsNeverReleasedByTheTable) {
     EXPECT_TRUE(t->flags & QUELM_FLAG_DPI);
     EXPECT_EQ(quelm_get_rules(t)->protocol_table_size, 262144u) << "rule tables for the handle";
     clear();
-    EXPECT_EQ(script().modules_released, 1);
+    EXPECT_EQ(script.modules_released, 1);
     quelm_dpi_free(lent);
 }
 
@@ -189,17 +171,12 @@ TEST_F(Binding, TableWithoutEngineNamesNothingAndTakesNoRules) {
 
 TEST_F(Detection, PacketLimitsGiveUpExtraDissectionAndGuesses) {
     // clang-format off
-    const struct Case {
-        const char *what;
-        uint32_t flags;           // besides QUELM_FLAG_DPI
-        Kind kind;
-        int limit, packets;       // TCP packet limit (-1: the table's own) and packets sent
-        uint16_t named;           // what the engine names on every packet (0: nothing)
-        int done_on;              // the packet whose answer says the engine is done
-        int processed, giveups, guesses;
-        std::vector<int> events;  // packets of the L7-detected callbacks, -1 at export
-        int master, app, category;
-        uint32_t flags_after, dpi_done;
+    const struct {
+        const char *what; uint32_t flags; Kind kind;  // flags besides QUELM_FLAG_DPI
+        int limit, packets;  // TCP packet limit (-1: the table's own), packets sent
+        uint16_t named; int done_on;  // what the engine names on every packet; when it is done
+        int processed, giveups, guesses; Ints events;  // L7-detected callbacks, -1: at export
+        int master, app, category, flags_after, dpi_done;
     } cases[] = {
         {"unknown TCP: given up on its 13th", 0, kTcp, -1, 15, 0, 0, 13, 1, 0, {13}, kTls, 42, 4, kGuessed, 1},
         {"limit 0: given up on the first", 0, kTcp, 0, 1, 0, 0, 1, 1, 0, {1}, kTls, 42, 4, kGuessed, 1},
@@ -216,30 +193,29 @@ TEST_F(Detection, PacketLimitsGiveUpExtraDissectionAndGuesses) {
         {"no-guess flag", kNoGuess, kUdp, -1, 1, 0, 0, 1, 0, 0, {}, 0, 0, 0, 0, 0},
     };
     // clang-format on
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
         fresh(QUELM_FLAG_DPI | c.flags);
+        EXPECT_EQ(script.config, c.flags & kNoGuess ? "dpi.guess_on_giveup=0;" : "");
         if (c.limit >= 0) t->dpi_min_num_tcp_packets = uint16_t(c.limit);
         // A give-up naming only a master takes the application id from the engine's flow object.
-        script().giveup = {result(kTls, 0, 4), FlowFields{.giveup_app = 42}};
-        script().guess.result = result(0, 44, 9);
+        script.giveup = {.result = result(kTls, 0, 4), .giveup_app = 42};
+        script.guess.result = result(0, 44, 9);
         for (int n = 1; c.named != 0 && n <= c.packets; n++)
-            script().answers.push_back(
+            script.answers.push_back(
                 {result(c.named, c.named, 12, n == c.done_on ? PELDA_STATE_DONE : 0)});
         for (int n = 1; n <= c.packets; n++)
             send(packet(c.kind, n));
         quelm_flow *f = only_flow();
         ASSERT_NE(f, nullptr);
-        EXPECT_EQ(script().process_calls, c.processed);
-        EXPECT_EQ(script().giveup_calls, c.giveups);
-        EXPECT_EQ(script().guess_calls, c.guesses);
-        EXPECT_EQ(events, c.events);
         const quelm_l7_protocol &p = f->value.l7_protocol;
-        EXPECT_EQ(std::vector<int>({p.master_protocol, p.app_protocol, p.category}),
-                  std::vector<int>({c.master, c.app, c.category}));
-        EXPECT_EQ(f->value.flags, c.flags_after);
-        EXPECT_EQ(f->dpi_done, c.dpi_done);
-        EXPECT_EQ(script().first_length, c.processed != 0 ? packet(c.kind).size() - 14 : 0);
+        EXPECT_EQ(Ints({script.process_calls, script.giveup_calls, script.guess_calls}),
+                  Ints({c.processed, c.giveups, c.guesses}));
+        EXPECT_EQ(events, c.events);
+        EXPECT_EQ(Ints({p.master_protocol, p.app_protocol, p.category, int(f->value.flags),
+                        int(f->dpi_done)}),
+                  Ints({c.master, c.app, c.category, c.flags_after, c.dpi_done}));
+        EXPECT_EQ(script.first_length, c.processed != 0 ? packet(c.kind).size() - 14 : 0);
     }
 }
 
@@ -262,21 +238,22 @@ std::string details(const quelm_flow *f) {
 TEST_F(Detection, ProtocolDetailsAreCopiedFromTheEngine) {
     std::vector<uint8_t> fp(20, 0xAB), late(20, 0xAB);
     late[0] = late[1] = late[2] = 0;  // the engine sets a fingerprint from its first bytes on
+    const auto http = result(0, kHttp), tls = result(kTls, 0);
     // clang-format off
-    const struct { uint32_t flags; Kind kind; uint16_t master, app; FlowFields fields; const char *want; } cases[] = {
-        {0, kTcp, 0, kHttp, {.server_name = "a.test\tjunk", .url = "http://a.test/x.html?y=1", .http_response_code = 404}, "a.test /x.html?y=1 404"},
-        {0, kTcp, 0, kHttp, {.server_name = "a.test", .url = "http://a.test"}, "a.test / 0"},
-        {0, kTcp, 0, kHttp, {.url = "http://"}, "- / 0"},
-        {0, kTcp, 0, kHttp, {.url = "http://h/a\r\nHost: evil"}, "- /a 0"},
-        {kExtra, kTcp, kHttp, kHttp, {.server_name = "pending.test"}, "pending.test - 0"},
-        {0, kTcp, kTls, 0, {.server_name = "s.test", .cert_sha1 = fp}, "s.test ab..ab"},
-        {0, kTcp, kTls, 0, {.server_name = "s.test", .cert_sha1 = late}, "s.test -"},
-        {0, kUdp, kDns, 0, {.server_name = "nosuch.test", .dns_query_type = 28, .dns_reply_code = 3}, "nosuch.test 28 3"},
+    const struct { uint32_t flags; Kind kind; pelda_stub::Answer answer; const char *want; } cases[] = {
+        {0, kTcp, {.result = http, .server_name = "a.test\tjunk", .url = "http://a.test/x.html?y=1", .http_response_code = 404}, "a.test /x.html?y=1 404"},
+        {0, kTcp, {.result = http, .server_name = "a.test", .url = "http://a.test"}, "a.test / 0"},
+        {0, kTcp, {.result = http, .url = "http://"}, "- / 0"},
+        {0, kTcp, {.result = http, .url = "http://h/a\r\nHost: evil"}, "- /a 0"},
+        {kExtra, kTcp, {.result = result(kHttp, kHttp), .server_name = "pending.test"}, "pending.test - 0"},
+        {0, kTcp, {.result = tls, .server_name = "s.test", .cert_sha1 = fp}, "s.test ab..ab"},
+        {0, kTcp, {.result = tls, .server_name = "s.test", .cert_sha1 = late}, "s.test -"},
+        {0, kUdp, {.result = result(kDns, 0), .server_name = "nosuch.test", .dns_query_type = 28, .dns_reply_code = 3}, "nosuch.test 28 3"},
     };
     // clang-format on
     for (const auto &c : cases) {
         fresh(QUELM_FLAG_DPI | c.flags);
-        script().answers.push_back({result(c.master, c.app), c.fields});
+        script.answers.push_back(c.answer);
         send(packet(c.kind));
         quelm_flow *f = only_flow();
         ASSERT_NE(f, nullptr);
@@ -286,20 +263,21 @@ TEST_F(Detection, ProtocolDetailsAreCopiedFromTheEngine) {
 
 TEST_F(Detection, SliceKeepsTheSettledProtocol) {
     quelm_flow_set_flow_slicing(t, 5);
-    script().guess.result = result(0, 44);
+    script.guess.result = result(0, 44);
     send(packet(kUdp), 100);
     send(packet(kUdp), 106);  // cuts a slice: the live flow is settled first
     quelm_flush(t);
     ASSERT_EQ(exported.size(), 2u);
     EXPECT_EQ(exported[0]->value.l7_protocol.app_protocol, 44);
     EXPECT_EQ(exported[1]->value.l7_protocol.app_protocol, 44);
-    EXPECT_EQ(script().process_calls, 1) << "detection of the live flow ends at its first slice";
+    EXPECT_EQ(script.process_calls, 1) << "detection of the live flow ends at its first slice";
 }
 
-// A rule as the table's setters take it.
+// A rule as the table's setters take it. Kinds: filter of a 'p'rotocol, a 'c'ategory or 'a'll
+// protocols; 's'hunt of a protocol, 't'CP or 'g'eneral shunt; 'd'efault action; TCP detection
+// 'l'imit.
 struct Rule {
-    char kind;  // filter of a 'p'rotocol, a 'c'ategory or 'a'll protocols; 's'hunt of a protocol,
-                // 't'CP or 'g'eneral shunt; 'd'efault action; TCP detection 'l'imit
+    char kind;
     const char *name;
     int value;
 };
@@ -346,37 +324,24 @@ TEST_F(Rules, VerdictsOfFiltersAndShunts) {
     }
 }
 
-struct Line {
-    std::string section, key, value;
-    bool operator==(const Line &) const = default;
-};
-
-TEST_F(Config, IteratorSplitsTrimsAndSkips) {
-    static std::vector<Line> seen;
-    seen.clear();
+TEST_F(Config, FileSetsTableRulesAndGlobalSettings) {
+    static std::string seen;  // what the iterator reads, as "[section]key=value;"
     const std::string long_key(1500, 'k');
     ASSERT_EQ(utils_configuration_file_iterator(
                   file("before = section\nx\n  ; comment\n# comment\n[Shunt]\n  tcp = 300  \n"
                        "udp 10\nbare\n[ spaced ]\na=b=c\n[unclosed\nkey =\n" +
                        long_key + "\n"),
                   [](const char *s, const char *k, const char *v, quelm_table *, quelm_rules *) {
-                      seen.push_back({s, k, v});
+                      seen += "[" + std::string(s) + "]" + k + "=" + v + ";";
                   },
                   nullptr, nullptr),
               0);
-    const std::vector<Line> want = {{"", "before", "section"},
-                                    {"Shunt", "tcp", "300"},
-                                    {"Shunt", "udp", "10"},
-                                    {"Shunt", "bare", ""},
-                                    {" spaced ", "a", "b=c"},
-                                    {"unclosed", "key", ""},
-                                    {"unclosed", long_key.substr(0, 1023), ""},
-                                    {"unclosed", long_key.substr(1023), ""}};
-    EXPECT_EQ(seen, want);
+    EXPECT_EQ(seen,
+              "[]before=section;[Shunt]tcp=300;[Shunt]udp=10;[Shunt]bare=;[ spaced ]a=b=c;"
+              "[unclosed]key=;[unclosed]" +
+                  long_key.substr(0, 1023) + "=;[unclosed]" + long_key.substr(1023) + "=;");
     EXPECT_EQ(quelm_load_configuration(t, "/nonexistent/rules.conf"), -1);
-}
 
-TEST_F(Config, FileSetsTableRulesAndGlobalSettings) {
     quelm_set_filter_protocol_by_name(t, "Chat", QUELM_ACTION_DISCARD);
     quelm_debug();
     testing::internal::CaptureStdout();
@@ -397,13 +362,12 @@ TEST_F(Config, FileSetsTableRulesAndGlobalSettings) {
     EXPECT_EQ(t->hash_v6->expiry->idle_timeout, 10u) << "one idle timeout, read by both hashes";
     EXPECT_EQ(t->flow_lifetime_timeout, 600u);
     const quelm_rules *r = quelm_get_rules(t);
-    EXPECT_EQ(std::vector<int>({r->shunt_tcp, r->shunt_udp, r->shunt_default}),
-              std::vector<int>({255, 10, 255}))
+    EXPECT_EQ(Ints({r->shunt_tcp, r->shunt_udp, r->shunt_default}), Ints({255, 10, 255}))
         << "counts above 255 are capped, negative ones wrap to their low byte";
     EXPECT_EQ(r->shunt_protocol[kHttp], 12);
     const uint8_t *f = r->filter_protocol;
-    EXPECT_EQ(std::vector<int>({f[kTls], f[kDns], f[kHttp], f[kChat], f[kVideo]}),
-              std::vector<int>({QUELM_ACTION_DISCARD, 0, QUELM_ACTION_USER_1, 0, 0}))
+    EXPECT_EQ(Ints({f[kTls], f[kDns], f[kHttp], f[kChat], f[kVideo]}),
+              Ints({QUELM_ACTION_DISCARD, 0, QUELM_ACTION_USER_1, 0, 0}))
         << "later lines overwrite, unknown words and bare names clear, other sections are ignored";
 }
 
@@ -419,15 +383,14 @@ TEST_F(Config, CallerOwnedSetTakesOnlyTheRulesOfTheLatestFile) {
     EXPECT_EQ(t->expiry.idle_timeout, 30u);
     EXPECT_EQ(quelm_get_rules(t)->shunt_tcp, 0);
     EXPECT_EQ(mine.protocol_table_size, 262144u);
-    EXPECT_EQ(
-        std::vector<int>({mine.shunt_tcp, mine.shunt_protocol[kTls], mine.filter_protocol[kHttp]}),
-        std::vector<int>({4, 9, QUELM_ACTION_FORWARD}));
+    EXPECT_EQ(Ints({mine.shunt_tcp, mine.shunt_protocol[kTls], mine.filter_protocol[kHttp]}),
+              Ints({4, 9, QUELM_ACTION_FORWARD}));
     uint8_t *same = mine.filter_protocol;
     ASSERT_EQ(quelm_load_configuration_ext(t, file("[shunt]\nudp = 2\n"), &mine), 0);
     EXPECT_EQ(mine.filter_protocol, same) << "the tables are reused";
-    EXPECT_EQ(std::vector<int>({mine.shunt_tcp, mine.shunt_udp, mine.shunt_protocol[kTls],
-                                mine.filter_protocol[kHttp]}),
-              std::vector<int>({0, 2, 0, 0}));
+    EXPECT_EQ(Ints({mine.shunt_tcp, mine.shunt_udp, mine.shunt_protocol[kTls],
+                    mine.filter_protocol[kHttp]}),
+              Ints({0, 2, 0, 0}));
     free(mine.filter_protocol);
     free(mine.shunt_protocol);
 }

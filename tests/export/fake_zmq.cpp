@@ -3,33 +3,21 @@
 #include <errno.h>
 #include <string.h>
 
-namespace fake_zmq {
 namespace {
-State g_state;
-int g_token;
-std::vector<uint8_t> g_header;  // first part of the message being sent
+fake_zmq::State g_state;
 }  // namespace
-State &state() {
+
+fake_zmq::State &fake_zmq::state() {
     return g_state;
 }
-void reset() {
-    g_state = State{};
-}
-}  // namespace fake_zmq
-
-using fake_zmq::g_state;
 
 #define FAKE_API extern "C" __attribute__((visibility("default")))
 
 FAKE_API void *zmq_ctx_new() {
-    if (g_state.fail == "zmq_ctx_new") return nullptr;
-    g_state.contexts++;
-    return &fake_zmq::g_token;
+    return g_state.fail == "zmq_ctx_new" ? nullptr : (g_state.contexts++, &g_state);
 }
 FAKE_API void *zmq_socket(void *, int) {
-    if (g_state.fail == "zmq_socket") return nullptr;
-    g_state.sockets++;
-    return &fake_zmq::g_token;
+    return g_state.fail == "zmq_socket" ? nullptr : (g_state.sockets++, &g_state);
 }
 FAKE_API int zmq_curve_keypair(char *pub, char *secret) {
     memset(pub, 'P', 41);
@@ -48,12 +36,9 @@ FAKE_API int zmq_bind(void *, const char *) {
 }
 FAKE_API int zmq_send(void *, const void *buf, size_t len, int flags) {
     const auto *p = static_cast<const uint8_t *>(buf);
-    if (flags == 2)  // ZMQ_SNDMORE: the header
-        fake_zmq::g_header.assign(p, p + len);
-    else if (g_state.fail == "zmq_send")
-        return errno = EAGAIN, -1;
-    else
-        g_state.messages.push_back({fake_zmq::g_header, std::vector<uint8_t>(p, p + len)});
+    if (flags == 2) return g_state.messages.push_back({{p, p + len}, {}}), int(len);  // the header
+    if (g_state.fail == "zmq_send") return g_state.messages.pop_back(), errno = EAGAIN, -1;
+    g_state.messages.back().payload.assign(p, p + len);
     return int(len);
 }
 FAKE_API int zmq_close(void *) {

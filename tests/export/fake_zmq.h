@@ -22,6 +22,5 @@ struct State {
 };
 
 State &state();
-void reset();
 
 }  // namespace fake_zmq
