@@ -10,6 +10,8 @@
 #include <fstream>
 #include <map>
 
+#include "quelm_wire.h"
+
 #include "exit_codes.h"
 #include "flow_writer.h"
 #include "stop_signals.h"
@@ -18,26 +20,11 @@
 namespace quelm_tool {
 namespace {
 
-constexpr size_t kHeaderLen = 24;
-constexpr uint8_t kVersionJson = 2, kVersionTlv = 3;
+namespace wire = quelm::wire;
+
 constexpr int kPollMs = 200;
 constexpr int kReceiveHighWater = 100000;  // messages held before the socket drops
 constexpr uint64_t kReportedMalformed = 100;
-
-const std::map<std::string, const char *> kFlowFieldNames = {
-    {"58", "src_vlan"},        {"56", "in_src_mac"},
-    {"80", "in_dst_mac"},      {"60", "ip_protocol_version"},
-    {"8", "ipv4_src_addr"},    {"27", "ipv6_src_addr"},
-    {"12", "ipv4_dst_addr"},   {"28", "ipv6_dst_addr"},
-    {"2", "in_pkts"},          {"1", "in_bytes"},
-    {"24", "out_pkts"},        {"23", "out_bytes"},
-    {"22", "first_switched"},  {"21", "last_switched"},
-    {"7", "l4_src_port"},      {"11", "l4_dst_port"},
-    {"6", "tcp_flags"},        {"4", "protocol"},
-    {"5", "src_tos"},          {"10", "input_snmp"},
-    {"14", "output_snmp"},     {"300", "port_id"},  // the capture layer's source (port) identifier
-    {"47521.118", "l7_proto"},
-};
 
 JsonValue number_value(uint64_t n) {
     JsonValue v;
@@ -266,9 +253,9 @@ uint32_t CounterTracker::see(uint32_t counter) {
 DecodedMessage decode_message(const std::vector<std::string> &parts) {
     DecodedMessage m;
     // The counter first: a message that is malformed otherwise still tells what was sent.
-    if (!parts.empty() && parts[0].size() == kHeaderLen) {
+    if (!parts.empty() && parts[0].size() == wire::kHeaderLen) {
         uint32_t counter_be;
-        std::memcpy(&counter_be, parts[0].data() + 20, 4);
+        std::memcpy(&counter_be, parts[0].data() + wire::kCounterAt, 4);
         m.counter = ntohl(counter_be);
         m.counter_known = true;
     }
@@ -277,31 +264,32 @@ DecodedMessage decode_message(const std::vector<std::string> &parts) {
         return m;
     }
     const std::string &header = parts[0], &payload = parts[1];
-    if (header.size() != kHeaderLen) {
-        m.problem = "a header of " + std::to_string(header.size()) + " bytes instead of 24";
+    if (header.size() != wire::kHeaderLen) {
+        m.problem = "a header of " + std::to_string(header.size()) + " bytes instead of " +
+                    std::to_string(wire::kHeaderLen);
         return m;
     }
-    const std::string topic(header.data(), strnlen(header.data(), 16));
-    if (header.find_first_not_of('\0', topic.size()) < 16) {
+    const std::string topic(header.data(), strnlen(header.data(), wire::kTopicLen));
+    if (header.find_first_not_of('\0', topic.size()) < wire::kTopicLen) {
         m.problem = "the topic is not zero-padded";
         return m;
     }
-    if (topic != "flow" && topic != "event") {
+    if (topic != wire::kTopicFlow && topic != wire::kTopicEvent) {
         m.problem = "unknown topic '" + topic + "'";
         return m;
     }
-    m.stats = topic == "event";
+    m.stats = topic == wire::kTopicEvent;
     // The size is in the exporter's byte order: either order must match the part's length.
     uint16_t size;
-    std::memcpy(&size, header.data() + 18, 2);
+    std::memcpy(&size, header.data() + wire::kSizeAt, 2);
     if (size != payload.size() && ntohs(size) != payload.size()) {
         m.problem = "the header's size " + std::to_string(size) + " is not the payload's " +
                     std::to_string(payload.size()) + " bytes";
         return m;
     }
-    const uint8_t version = uint8_t(header[16]);
+    const uint8_t version = uint8_t(header[wire::kVersionAt]);
     const bool looks_json = !payload.empty() && (payload[0] == '{' || payload[0] == '[');
-    if (version == kVersionJson) {
+    if (version == wire::kVersionJson) {
         if (!looks_json) {
             m.problem = "the version byte says JSON, the payload is not";
             return m;
@@ -327,7 +315,7 @@ DecodedMessage decode_message(const std::vector<std::string> &parts) {
             m.problem = "the JSON payload is not a record";
             return m;
         }
-    } else if (version == kVersionTlv) {
+    } else if (version == wire::kVersionTlv) {
         if (m.stats) {
             m.problem = "a statistics record must be JSON (version 2)";
             return m;
@@ -354,9 +342,9 @@ JsonValue name_flow_fields(const JsonValue &record,
     out.type = JsonValue::Type::kObject;
     out.fields.emplace_back("event_type", string_value("flow"));
     for (const auto &[key, value] : record.fields) {
-        const auto it = kFlowFieldNames.find(key);
-        out.fields.emplace_back(it != kFlowFieldNames.end() ? it->second : "field_" + key, value);
-        if (it != kFlowFieldNames.end() && key == "47521.118" && protocol_name != nullptr) {
+        const wire::Field *field = wire::find_field(key.c_str());
+        out.fields.emplace_back(field != nullptr ? field->netflow : "field_" + key, value);
+        if (field != nullptr && key == wire::kL7ProtoKey && protocol_name != nullptr) {
             const std::string name = protocol_name(value.text);
             if (!name.empty()) out.fields.emplace_back("l7_proto_name", string_value(name));
         }
@@ -452,8 +440,8 @@ int run_collect(const CollectOptions &o) {
     secret.assign(secret.size(), '\0');
     zmq->setsockopt(socket, ZMQ_LINGER, &linger, sizeof linger);
     zmq->setsockopt(socket, ZMQ_RCVHWM, &high_water, sizeof high_water);
-    zmq->setsockopt(socket, ZMQ_SUBSCRIBE, "flow", 4);
-    zmq->setsockopt(socket, ZMQ_SUBSCRIBE, "event", 5);
+    zmq->setsockopt(socket, ZMQ_SUBSCRIBE, wire::kTopicFlow, strlen(wire::kTopicFlow));
+    zmq->setsockopt(socket, ZMQ_SUBSCRIBE, wire::kTopicEvent, strlen(wire::kTopicEvent));
     std::string list = endpoints;
     for (size_t from = 0; exit_code == kExitOk && from <= list.size();) {
         const size_t comma = std::min(list.find(',', from), list.size());
