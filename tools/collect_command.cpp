@@ -26,36 +26,20 @@ constexpr int kPollMs = 200;
 constexpr int kReceiveHighWater = 100000;  // messages held before the socket drops
 constexpr uint64_t kReportedMalformed = 100;
 
-JsonValue number_value(uint64_t n) {
-    JsonValue v;
-    v.type = JsonValue::Type::kNumber;
-    v.text = std::to_string(n);
-    return v;
-}
-
-JsonValue string_value(std::string s) {
-    JsonValue v;
-    v.type = JsonValue::Type::kString;
-    v.text = std::move(s);
-    return v;
-}
-
 // A TLV batch into records; false with a message when the batch is malformed.
-bool decode_tlv(const std::string &payload, std::vector<JsonValue> *records, std::string *problem) {
+bool decode_tlv(const std::string &payload, std::vector<Record> *records, std::string *problem) {
     pelda_tlv_reader reader;
     if (pelda_tlv_reader_init(&reader, payload.data(), uint32_t(payload.size())) != 0) {
         *problem = "the payload is not a TLV batch of a known version";
         return false;
     }
-    records->assign(1, JsonValue());
-    records->back().type = JsonValue::Type::kObject;
-    std::vector<JsonValue *> open = {&records->back()};  // the record, then its open blocks
+    records->assign(1, Record::object());
+    std::vector<Record *> open = {&records->back()};  // the record, then its open blocks
     pelda_tlv_element e;
     int rc;
     while ((rc = pelda_tlv_reader_next(&reader, &e)) == 1) {
         if (e.kind == PELDA_TLV_END_OF_RECORD) {
-            records->emplace_back();
-            records->back().type = JsonValue::Type::kObject;
+            records->push_back(Record::object());
             open.assign(1, &records->back());
             continue;
         }
@@ -67,17 +51,15 @@ bool decode_tlv(const std::string &payload, std::vector<JsonValue> *records, std
                           : e.key_kind == PELDA_TLV_KEY_TEXT
                               ? std::string(e.key_text, e.key_text_len)
                               : std::string();
-        JsonValue value;
+        Record &value = (*open.back())[key];
         if (e.kind == PELDA_TLV_STRING) {
-            value = string_value(std::string(e.string, e.string_len));
+            value = std::string(e.string, e.string_len);
         } else if (e.kind == PELDA_TLV_UINT32 || e.kind == PELDA_TLV_UINT64) {
-            value = number_value(e.number);
+            value = uint64_t(e.number);
         } else {  // start of block
-            value.type = JsonValue::Type::kObject;
+            value = Record::object();
+            open.push_back(&value);
         }
-        JsonValue *parent = open.back();
-        parent->fields.emplace_back(std::move(key), std::move(value));
-        if (e.kind == PELDA_TLV_START_OF_BLOCK) open.push_back(&parent->fields.back().second);
     }
     if (rc < 0) {
         *problem = "the TLV batch is malformed (truncated, unknown element or bad nesting)";
@@ -103,19 +85,19 @@ std::string builtin_protocol_name(const std::string &ids) {
     return quelm_dpi_get_protocol_name_by_id(engine, &l7, name, sizeof name);
 }
 
-std::string field_text(const JsonValue &record, const char *key) {
-    const JsonValue *v = record.find(key);
-    return v != nullptr ? v->text : "?";
+std::string field_text(const Record &record, const char *key) {
+    const auto v = record.find(key);
+    return v == record.end() ? "?" : v->is_string() ? v->get<std::string>() : v->dump();
 }
 
 // One line of --format text.
-std::string text_line(const JsonValue &named, bool stats) {
+std::string text_line(const Record &named, bool stats) {
     if (stats) {
         std::string json;
-        write_json(named, &json);
+        write_record_json(named, &json);
         return "stats " + json;
     }
-    const bool v6 = named.find("ipv6_src_addr") != nullptr;
+    const bool v6 = named.contains("ipv6_src_addr");
     const std::string src = field_text(named, v6 ? "ipv6_src_addr" : "ipv4_src_addr");
     const std::string dst = field_text(named, v6 ? "ipv6_dst_addr" : "ipv4_dst_addr");
     std::string line = "flow " + src + ":" + field_text(named, "l4_src_port") + " -> " + dst + ":" +
@@ -123,8 +105,7 @@ std::string text_line(const JsonValue &named, bool stats) {
                        field_text(named, "protocol") + " pkts " + field_text(named, "in_pkts") +
                        "/" + field_text(named, "out_pkts") + " bytes " +
                        field_text(named, "in_bytes") + "/" + field_text(named, "out_bytes");
-    const JsonValue *name = named.find("l7_proto_name");
-    line += " " + (name != nullptr ? name->text : field_text(named, "l7_proto"));
+    line += " " + field_text(named, named.contains("l7_proto_name") ? "l7_proto_name" : "l7_proto");
     return line;
 }
 
@@ -169,12 +150,11 @@ class Collector {
                         malformed_ == kReportedMalformed ? " (further ones are only counted)" : "");
             return;
         }
-        for (const JsonValue &record : m.records) {
-            JsonValue out;
+        for (const Record &record : m.records) {
+            Record out;
             if (m.stats) {
-                out.type = JsonValue::Type::kObject;
-                out.fields.emplace_back("event_type", string_value("stats"));
-                out.fields.insert(out.fields.end(), record.fields.begin(), record.fields.end());
+                out["event_type"] = "stats";
+                out.update(record);
                 stats_records_++;
             } else {
                 out = name_flow_fields(record, builtin_protocol_name);
@@ -184,7 +164,7 @@ class Collector {
             if (text_)
                 line = text_line(out, m.stats);
             else
-                write_json(out, &line);
+                write_record_json(out, &line);
             line += '\n';
             sink_.write(line.data(), line.size());
         }
@@ -294,17 +274,17 @@ DecodedMessage decode_message(const std::vector<std::string> &parts) {
             m.problem = "the version byte says JSON, the payload is not";
             return m;
         }
-        JsonValue batch;
+        Record batch;
         std::string error;
-        if (!parse_json(payload.data(), payload.size(), &batch, &error)) {
+        if (!parse_record_json(payload, &batch, &error)) {
             m.problem = "bad JSON: " + error;
             return m;
         }
-        if (batch.type == JsonValue::Type::kObject) {
+        if (batch.is_object()) {
             m.records.push_back(std::move(batch));
-        } else if (batch.type == JsonValue::Type::kArray && !m.stats) {
-            for (JsonValue &item : batch.items) {
-                if (item.type != JsonValue::Type::kObject) {
+        } else if (batch.is_array() && !m.stats) {
+            for (Record &item : batch) {
+                if (!item.is_object()) {
                     m.problem = "a JSON batch holds something other than records";
                     m.records.clear();
                     return m;
@@ -336,17 +316,16 @@ DecodedMessage decode_message(const std::vector<std::string> &parts) {
     return m;
 }
 
-JsonValue name_flow_fields(const JsonValue &record,
-                           std::string (*protocol_name)(const std::string &ids)) {
-    JsonValue out;
-    out.type = JsonValue::Type::kObject;
-    out.fields.emplace_back("event_type", string_value("flow"));
-    for (const auto &[key, value] : record.fields) {
+Record name_flow_fields(const Record &record,
+                        std::string (*protocol_name)(const std::string &ids)) {
+    Record out = {{"event_type", "flow"}};
+    for (auto it = record.begin(); it != record.end(); ++it) {
+        const std::string &key = it.key();
         const wire::Field *field = wire::find_field(key.c_str());
-        out.fields.emplace_back(field != nullptr ? field->netflow : "field_" + key, value);
-        if (field != nullptr && key == wire::kL7ProtoKey && protocol_name != nullptr) {
-            const std::string name = protocol_name(value.text);
-            if (!name.empty()) out.fields.emplace_back("l7_proto_name", string_value(name));
+        out[field != nullptr ? field->netflow : "field_" + key] = it.value();
+        if (key == wire::kL7ProtoKey && protocol_name != nullptr && it->is_string()) {
+            const std::string name = protocol_name(it->get<std::string>());
+            if (!name.empty()) out["l7_proto_name"] = name;
         }
     }
     return out;

@@ -595,13 +595,13 @@ TEST(CollectorDecoding, TlvAndJsonOfARecordGiveTheSameNamedFields) {
     ASSERT_TRUE(from_tlv.ok) << from_tlv.problem;
     auto named = [](const quelm_tool::DecodedMessage &m) {
         std::string out;
-        quelm_tool::write_json(quelm_tool::name_flow_fields(m.records.at(0),
-                                                            [](const std::string &ids) {
-                                                                return ids == "7.7"
-                                                                           ? std::string("HTTP")
-                                                                           : std::string();
-                                                            }),
-                               &out);
+        quelm_tool::write_record_json(
+            quelm_tool::name_flow_fields(m.records.at(0),
+                                         [](const std::string &ids) {
+                                             return ids == "7.7" ? std::string("HTTP")
+                                                                 : std::string();
+                                         }),
+            &out);
         return out;
     };
     EXPECT_EQ(named(from_json),
@@ -614,21 +614,20 @@ TEST(CollectorDecoding, JsonReaderRejectsWhatIsNotJsonAndKeepsBytes) {
     const char *bad[] = {"",    "{",  "{\"a\"}",     "{\"a\":1,}", "[1 2]", "\"\\x\"",
                          "01x", "1.", "\"\\ud800\"", "tru",        "{} {}", "\"a\nb\""};
     for (const char *text : bad) {
-        quelm_tool::JsonValue v;
+        quelm_tool::Record v;
         std::string error;
-        EXPECT_FALSE(quelm_tool::parse_json(text, std::strlen(text), &v, &error)) << text;
+        EXPECT_FALSE(quelm_tool::parse_record_json(text, &v, &error)) << text;
         EXPECT_FALSE(error.empty());
     }
-    quelm_tool::JsonValue v;
+    quelm_tool::Record v;
     std::string error;
     const std::string text =
-        "{\"s\":\"\\u00ff\\u00e9\\ud83d\\ude00\\n\",\"n\":-1.5e3,\"b\":[true,null]}";
-    ASSERT_TRUE(quelm_tool::parse_json(text.data(), text.size(), &v, &error)) << error;
-    EXPECT_EQ(v.find("s")->text, "\xff\xe9\xf0\x9f\x98\x80\n");  // \u00XX: the byte itself
+        "{\"s\":\"\\u00ff\\u00e9\\ud83d\\ude00\\n\",\"n\":-15,\"b\":[true,null]}";
+    ASSERT_TRUE(quelm_tool::parse_record_json(text, &v, &error)) << error;
+    EXPECT_EQ(v["s"], "\xff\xe9\xf0\x9f\x98\x80\n");  // \u00XX: the byte itself
     std::string out;
-    quelm_tool::write_json(v, &out);
-    EXPECT_EQ(out,
-              "{\"s\":\"\\u00ff\\u00e9\xf0\x9f\x98\x80\\u000a\",\"n\":-1.5e3,\"b\":[true,null]}");
+    quelm_tool::write_record_json(v, &out);
+    EXPECT_EQ(out, "{\"s\":\"\\u00ff\\u00e9\xf0\x9f\x98\x80\\u000a\",\"n\":-15,\"b\":[true,null]}");
 }
 
 }  // namespace
