@@ -205,6 +205,43 @@ bool receive_message(const ZmqApi &zmq, void *socket, std::vector<std::string> *
     }
 }
 
+// Binds or connects to every endpoint of the list; `attached` gets them as libzmq names them
+// (tcp://127.0.0.1:41234 for tcp://127.0.0.1:*).
+int attach_endpoints(const ZmqApi &zmq, void *socket, const CollectOptions &o,
+                     std::string *attached) {
+    const std::string list = !o.bind.empty() ? o.bind : o.connect;
+    for (size_t from = 0; from <= list.size();) {
+        const size_t comma = std::min(list.find(',', from), list.size());
+        const std::string endpoint = list.substr(from, comma - from);
+        from = comma + 1;
+        const int rc = !o.bind.empty() ? zmq.bind(socket, endpoint.c_str())
+                                       : zmq.connect(socket, endpoint.c_str());
+        if (rc != 0) {
+            fprintf(stderr, "quelm collect: cannot %s %s: %s\n",
+                    !o.bind.empty() ? "listen on" : "connect to", endpoint.c_str(),
+                    zmq.strerror(zmq.errno_value()));
+            return kExitNoInput;
+        }
+        char name[1024];
+        size_t len = sizeof name;
+        if (!attached->empty()) *attached += ',';
+        *attached += zmq.getsockopt(socket, ZMQ_LAST_ENDPOINT, name, &len) == 0 ? name : endpoint;
+    }
+    return kExitOk;
+}
+
+void receive_until_stopped(const ZmqApi &zmq, void *socket, OutputSink &sink, bool text) {
+    Collector collector(zmq, sink, text);
+    std::vector<std::string> parts;
+    zmq_pollitem_t item = {socket, 0, ZMQ_POLLIN, 0};
+    while (!stop_requested() && !sink.failed()) {
+        if (zmq.poll(&item, 1, kPollMs) <= 0) continue;  // timeout, or a signal (EINTR)
+        while (!stop_requested() && receive_message(zmq, socket, &parts))
+            collector.handle(parts);
+    }
+    collector.summary();
+}
+
 }  // namespace
 
 // ---- Decoding --------------------------------------------------------------------------------
@@ -421,34 +458,15 @@ int run_collect(const CollectOptions &o) {
     zmq->setsockopt(socket, ZMQ_RCVHWM, &high_water, sizeof high_water);
     zmq->setsockopt(socket, ZMQ_SUBSCRIBE, wire::kTopicFlow, strlen(wire::kTopicFlow));
     zmq->setsockopt(socket, ZMQ_SUBSCRIBE, wire::kTopicEvent, strlen(wire::kTopicEvent));
-    std::string list = endpoints;
-    for (size_t from = 0; exit_code == kExitOk && from <= list.size();) {
-        const size_t comma = std::min(list.find(',', from), list.size());
-        const std::string endpoint = list.substr(from, comma - from);
-        from = comma + 1;
-        const int rc = !o.bind.empty() ? zmq->bind(socket, endpoint.c_str())
-                                       : zmq->connect(socket, endpoint.c_str());
-        if (rc != 0) {
-            fprintf(stderr, "quelm collect: cannot %s %s: %s\n",
-                    !o.bind.empty() ? "listen on" : "connect to", endpoint.c_str(),
-                    zmq->strerror(zmq->errno_value()));
-            exit_code = kExitNoInput;
-        }
-    }
+    std::string attached;
+    if (exit_code == kExitOk) exit_code = attach_endpoints(*zmq, socket, o, &attached);
 
     if (exit_code == kExitOk) {
         install_stop_handlers();
+        // The endpoints as bound: a port given as * shows the one the system chose.
         fprintf(stderr, "quelm collect: %s %s; Ctrl-C ends\n",
-                !o.bind.empty() ? "listening on" : "connected to", endpoints);
-        Collector collector(*zmq, sink, o.text);
-        std::vector<std::string> parts;
-        zmq_pollitem_t item = {socket, 0, ZMQ_POLLIN, 0};
-        while (!stop_requested() && !sink.failed()) {
-            if (zmq->poll(&item, 1, kPollMs) <= 0) continue;  // timeout, or a signal (EINTR)
-            while (!stop_requested() && receive_message(*zmq, socket, &parts))
-                collector.handle(parts);
-        }
-        collector.summary();
+                !o.bind.empty() ? "listening on" : "connected to", attached.c_str());
+        receive_until_stopped(*zmq, socket, sink, o.text);
         if (!sink.close()) {
             fprintf(stderr, "quelm collect: cannot write to %s: %s\n", sink.name().c_str(),
                     std::strerror(sink.error_number()));
