@@ -30,8 +30,8 @@ inline std::string pcap_header(uint32_t link_type = kLinkEthernet) {
 
 inline std::string pcap_record(const CapturedPacket &p) {
     std::string b;
-    for (uint32_t v : {uint32_t(p.sec), uint32_t(p.usec), uint32_t(p.data.size()),
-                       uint32_t(p.data.size())})
+    for (uint32_t v :
+         {uint32_t(p.sec), uint32_t(p.usec), uint32_t(p.data.size()), uint32_t(p.data.size())})
         put32(b, v);
     return b.append(p.data.begin(), p.data.end());
 }

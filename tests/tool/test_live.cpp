@@ -16,10 +16,9 @@ TEST(LiveCapture, QuietLinkExpiresIdleFlowsAndInterruptFlushesTheRest) {
         0)
         GTEST_SKIP() << "cannot make a network namespace (ip netns)";
     ToolRunner tool, pinger;
-    const std::vector<std::string> in_ns = {"ip", "netns", "exec", ns};
-    const pid_t pid = tool.start({"flows", "-i", "lo", "--idle", "1", "--lifetime", "1", "--format",
-                                  "json", "-w", tool.path("flows.json")},
-                                 "/dev/null", -1, in_ns);
+    const pid_t pid =
+        tool.spawn({"ip", "netns", "exec", ns, QUELM_TOOL_PATH, "flows", "-i", "lo", "--idle", "1",
+                    "--lifetime", "1", "--format", "json", "-w", tool.path("flows.json")});
     EXPECT_TRUE(eventually([&] {
         return tool.read("stderr").find("capturing on") != std::string::npos;
     })) << tool.read("stderr");
@@ -31,9 +30,8 @@ TEST(LiveCapture, QuietLinkExpiresIdleFlowsAndInterruptFlushesTheRest) {
         [&] { return tool.read("flows.json").find("\"dest_port\":9999") != std::string::npos; });
     // Then echoes every 0.2 s: a flow that never idles. Its first record (lifetime) shows that the
     // tool reads them, and that the packet which ended it opened the flow that SIGINT must write.
-    std::vector<std::string> ping = in_ns;
-    ping.insert(ping.end(), {"ping", "-i", "0.2", "127.0.0.1"});
-    const pid_t pinging = pinger.start_command(ping);
+    const pid_t pinging =
+        pinger.spawn({"ip", "netns", "exec", ns, "ping", "-i", "0.2", "127.0.0.1"});
     EXPECT_TRUE(eventually(
         [&] { return tool.read("flows.json").find("\"lifetime\"") != std::string::npos; }));
     kill(pid, SIGINT);

@@ -1,9 +1,8 @@
-// Runs the built quelm binary as a child process, with standard output and error captured in files
-// of a scratch folder that lives as long as the runner.
+// Runs the built quelm binary (or any program) as a child process, with standard output and error
+// in files of a scratch folder that lives as long as the runner.
 #pragma once
 
 #include <fcntl.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,37 +17,27 @@
 #include <thread>
 #include <vector>
 
-extern char **environ;
-
 namespace quelm_test {
 
 using Json = nlohmann::json;
 
 inline std::string read_file(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
     std::ostringstream s;
-    s << in.rdbuf();
+    s << std::ifstream(path, std::ios::binary).rdbuf();
     return s.str();
-}
-
-inline std::vector<std::string> split_lines(const std::string &text) {
-    std::vector<std::string> result;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);)
-        result.push_back(line);
-    return result;
 }
 
 // Every line parsed as JSON: a line that is not valid JSON throws, so parsing also checks it.
 inline std::vector<Json> json_lines(const std::string &text) {
     std::vector<Json> result;
-    for (const std::string &line : split_lines(text))
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
         result.push_back(Json::parse(line));
     return result;
 }
 
-// Waits for a condition that another process brings about (a line in its output, a file growing),
-// looking every 10 ms; false when it does not come within `seconds`.
+// Waits for what another process brings about (a line in its output, a file growing), looking
+// every 10 ms; false when it does not come within `seconds`.
 inline bool eventually(const std::function<bool()> &done, double seconds = 20) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
     while (!done()) {
@@ -59,9 +48,8 @@ inline bool eventually(const std::function<bool()> &done, double seconds = 20) {
 }
 
 struct ToolResult {
-    int exit_code = -1;  // 128 + signal number when the tool was killed
+    int exit_code = -1;  // 128 + signal number when the program was killed
     std::string out, err;
-    std::vector<std::string> lines() const { return split_lines(out); }
     std::vector<Json> records() const { return json_lines(out); }
 };
 
@@ -79,9 +67,8 @@ class ToolRunner {
         std::ofstream(path(name)) << text;
         return path(name);
     }
-
-    // A command line as words; a word "DIR/x" is the file x of the scratch folder, and a word
-    // found in `names` stands for its value.
+    // A command line as words; "DIR/x" is the file x of the scratch folder, a word of `names`
+    // stands for its value.
     std::vector<std::string> words(const std::string &line,
                                    const std::map<std::string, std::string> &names = {}) const {
         std::vector<std::string> result;
@@ -93,25 +80,34 @@ class ToolRunner {
         return result;
     }
 
-    // Starts the tool (after `wrapper`, a command that runs it) and returns its pid; `stdout_fd`
-    // >= 0 replaces the output file.
-    pid_t start(const std::vector<std::string> &args, const std::string &stdin_path = "/dev/null",
-                int stdout_fd = -1, const std::vector<std::string> &wrapper = {}) const {
-        std::vector<std::string> all = wrapper;
-        all.push_back(QUELM_TOOL_PATH);
-        all.insert(all.end(), args.begin(), args.end());
-        return spawn(all, stdin_path, stdout_fd);
+    // Starts a program and returns its pid; `stdout_fd` >= 0 replaces the output file.
+    pid_t spawn(std::vector<std::string> args, const std::string &stdin_path = "/dev/null",
+                int stdout_fd = -1) const {
+        std::vector<char *> argv;
+        for (std::string &a : args)
+            argv.push_back(a.data());
+        argv.push_back(nullptr);
+        const int in = open(stdin_path.c_str(), O_RDONLY | O_CLOEXEC);
+        const int out = stdout_fd >= 0 ? stdout_fd : open(path("stdout").c_str(), kCreate, 0644);
+        const int err = open(path("stderr").c_str(), kCreate, 0644);
+        const pid_t pid = fork();
+        if (pid == 0) {
+            dup2(in, 0), dup2(out, 1), dup2(err, 2);
+            execvp(argv[0], argv.data());
+            _exit(127);
+        }
+        close(in), close(err);
+        if (stdout_fd < 0) close(out);
+        return pid;
+    }
+    pid_t start(std::vector<std::string> args, const std::string &stdin_path = "/dev/null",
+                int stdout_fd = -1) const {
+        args.insert(args.begin(), QUELM_TOOL_PATH);
+        return spawn(args, stdin_path, stdout_fd);
     }
     ToolResult run(const std::vector<std::string> &args,
                    const std::string &stdin_path = "/dev/null", int stdout_fd = -1) const {
         return finish(start(args, stdin_path, stdout_fd));
-    }
-    // Any program, with the same files for its output.
-    pid_t start_command(const std::vector<std::string> &argv) const {
-        return spawn(argv, "/dev/null", -1);
-    }
-    ToolResult run_command(const std::vector<std::string> &argv) const {
-        return finish(start_command(argv));
     }
     ToolResult finish(pid_t pid) const {
         ToolResult r;
@@ -124,27 +120,7 @@ class ToolRunner {
     }
 
   private:
-    pid_t spawn(std::vector<std::string> all, const std::string &stdin_path, int stdout_fd) const {
-        std::vector<char *> argv;
-        for (std::string &a : all)
-            argv.push_back(a.data());
-        argv.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 0, stdin_path.c_str(), O_RDONLY, 0);
-        if (stdout_fd >= 0)
-            posix_spawn_file_actions_adddup2(&actions, stdout_fd, 1);
-        else
-            posix_spawn_file_actions_addopen(&actions, 1, path("stdout").c_str(),
-                                             O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        posix_spawn_file_actions_addopen(&actions, 2, path("stderr").c_str(),
-                                         O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        pid_t pid = -1;
-        if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) pid = -1;
-        posix_spawn_file_actions_destroy(&actions);
-        return pid;
-    }
-
+    static constexpr int kCreate = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
     std::string dir_;
 };
 
