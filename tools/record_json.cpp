@@ -93,6 +93,7 @@ bool parse_record_json(const std::string &text, Record *out, std::string *error)
         return true;
     } catch (const Record::parse_error &e) {
         *error = e.what();
+        error->erase(0, error->find("] ") + 2);  // the library's exception id, of no use here
         return false;
     }
 }

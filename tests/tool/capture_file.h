@@ -1,6 +1,5 @@
-// Capture files for the tool tests, written byte by byte around frames from packet_builder.h:
-// classic pcap with any link type, and a minimal pcapng (section header, one interface, enhanced
-// packet blocks). Written in the machine's byte order; readers tell it from the magic number.
+// Capture files for the tool tests around frames from packet_builder.h: classic pcap with any link
+// type, in the machine's byte order (readers tell it from the magic number).
 #pragma once
 
 #include <cstdint>
@@ -43,23 +42,6 @@ inline void write_pcap(const std::string &path, const std::vector<CapturedPacket
     for (const CapturedPacket &p : packets)
         b += pcap_record(p);
     std::ofstream(path, std::ios::binary) << b.substr(0, b.size() - cut_last);
-}
-
-inline void write_pcapng(const std::string &path, const std::vector<CapturedPacket> &packets) {
-    std::string b;
-    // Section header (length unknown), then one Ethernet interface in microseconds.
-    for (uint32_t v : {0x0A0D0D0Au, 28u, 0x1A2B3C4Du, 1u, ~0u, ~0u, 28u, 1u, 20u, 1u, 262144u, 20u})
-        put32(b, v);
-    for (const CapturedPacket &p : packets) {
-        const uint32_t padded = uint32_t((p.data.size() + 3) & ~size_t(3)), total = 32 + padded;
-        const uint64_t ts = uint64_t(p.sec) * 1000000 + uint64_t(p.usec);
-        for (uint32_t v : {6u, total, 0u, uint32_t(ts >> 32), uint32_t(ts), uint32_t(p.data.size()),
-                           uint32_t(p.data.size())})
-            put32(b, v);
-        b.append(p.data.begin(), p.data.end()).append(padded - p.data.size(), '\0');
-        put32(b, total);
-    }
-    std::ofstream(path, std::ios::binary) << b;
 }
 
 }  // namespace quelm_test

@@ -27,11 +27,18 @@ inline std::string read_file(const std::string &path) {
     return s.str();
 }
 
+inline std::vector<std::string> split_lines(const std::string &text) {
+    std::vector<std::string> result;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        result.push_back(line);
+    return result;
+}
+
 // Every line parsed as JSON: a line that is not valid JSON throws, so parsing also checks it.
 inline std::vector<Json> json_lines(const std::string &text) {
     std::vector<Json> result;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);)
+    for (const std::string &line : split_lines(text))
         result.push_back(Json::parse(line));
     return result;
 }
