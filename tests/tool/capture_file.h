@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <fstream>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -16,31 +17,19 @@ struct CapturedPacket {
 
 inline constexpr uint32_t kLinkEthernet = 1;
 
-inline void put32(std::string &b, uint32_t v) {
-    b.append(reinterpret_cast<const char *>(&v), 4);
-}
-
-inline std::string pcap_header(uint32_t link_type = kLinkEthernet) {
-    std::string b;
-    for (uint32_t v : {0xA1B2C3D4u, 0x00040002u, 0u, 0u, 262144u, link_type})
-        put32(b, v);
-    return b;
-}
-
-inline std::string pcap_record(const CapturedPacket &p) {
-    std::string b;
-    for (uint32_t v :
-         {uint32_t(p.sec), uint32_t(p.usec), uint32_t(p.data.size()), uint32_t(p.data.size())})
-        put32(b, v);
-    return b.append(p.data.begin(), p.data.end());
-}
-
 // `cut_last` drops that many bytes from the end of the file, to make it truncated.
 inline void write_pcap(const std::string &path, const std::vector<CapturedPacket> &packets,
                        uint32_t link_type = kLinkEthernet, size_t cut_last = 0) {
-    std::string b = pcap_header(link_type);
-    for (const CapturedPacket &p : packets)
-        b += pcap_record(p);
+    std::string b;
+    auto put = [&b](std::initializer_list<uint32_t> words) {
+        for (uint32_t v : words)
+            b.append(reinterpret_cast<const char *>(&v), 4);
+    };
+    put({0xA1B2C3D4, 0x00040002, 0, 0, 262144, link_type});  // version 2.4, snapshot length
+    for (const CapturedPacket &p : packets) {
+        put({uint32_t(p.sec), uint32_t(p.usec), uint32_t(p.data.size()), uint32_t(p.data.size())});
+        b.append(p.data.begin(), p.data.end());
+    }
     std::ofstream(path, std::ios::binary) << b.substr(0, b.size() - cut_last);
 }
 

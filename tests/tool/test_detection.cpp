@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <map>
-#include <set>
 
 #include "flow_writer.h"
 #include "tool_runner.h"
@@ -15,20 +14,13 @@ namespace {
 const std::string kSample = QUELM_SAMPLES_DIR "/demo.pcap";
 const std::string kCorpus = QUELM_CORPUS_DIR "/tcpdump/";
 
-class Detection : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        if (access(kSample.c_str(), R_OK) != 0) GTEST_SKIP() << kSample << " is not there";
-    }
+TEST(Detection, BadFilesAreRefusedWithTheLineNamed) {
     ToolRunner tool;
-};
-
-TEST_F(Detection, BadFilesAreRefusedWithTheLineNamed) {
     const struct {
         const char *option;    // --rules, --protocols or --categories
         const char *contents;  // nullptr: the file does not exist
         int exit_code;
-        std::vector<std::string> messages;  // parts of standard error; FILE stands for its path
+        std::vector<std::string> messages;  // parts of standard error
     } cases[] = {
         {"--rules",
          "; comment\n[filter]\nTLS = discard\nHTTP.SSH = user_1\n[shunt]\ndefault = 0\nudp=5\n"
@@ -40,31 +32,29 @@ TEST_F(Detection, BadFilesAreRefusedWithTheLineNamed) {
          "HTTP = discard\n[filter]\nHTTPS = discard\nTLS = drop\nHTTP.Nothing = forward\n[shunt]\n"
          "DNS = many\nTLS = 300\n[global]\ncolour = blue\n[firewall]\n",
          65,
-         {"FILE:1: a rule before any [section]", "FILE:3: unknown protocol 'HTTPS'",
-          "FILE:4: 'drop' is not an action", "FILE:5: unknown protocol 'HTTP.Nothing'",
-          "FILE:7: 'many' is not a packet count", "FILE:8: '300' is not a packet count",
-          "FILE:10: unknown setting 'colour'", "FILE:11: unknown section [firewall]",
+         {"given.txt:1: a rule before any [section]", "given.txt:3: unknown protocol 'HTTPS'",
+          "given.txt:4: 'drop' is not an action", "given.txt:5: unknown protocol 'HTTP.Nothing'",
+          "given.txt:7: 'many' is not a packet count", "given.txt:8: '300' is not a packet count",
+          "given.txt:10: unknown setting 'colour'", "given.txt:11: unknown section [firewall]",
           "8 bad lines"}},
-        {"--protocols", "CorpApp tcp:8443\nBroken tcp:99999\n", 65, {"FILE:2", "was refused"}},
-        {"--protocols", nullptr, 66, {"cannot open 'FILE'"}},
-        {"--categories", "NoSuchCategory host:a.example\n", 65, {"FILE:1", "was refused"}},
+        {"--protocols", "CorpApp tcp:8443\nBroken tcp:99999\n", 65, {"given.txt:2", "was refused"}},
+        {"--protocols", nullptr, 66, {"cannot open 'absent.txt'"}},
+        {"--categories", "NoSuchCategory host:a.example\n", 65, {"given.txt:1", "was refused"}},
     };
     for (const auto &c : cases) {
-        const std::string path =
-            c.contents != nullptr ? tool.write("given.txt", c.contents) : tool.path("absent");
-        const ToolResult r = tool.run({"flows", "-r", kSample, c.option, path, "-w", "/dev/null"});
+        if (c.contents != nullptr) tool.write("given.txt", c.contents);
+        const char *file = c.contents != nullptr ? "given.txt" : "absent.txt";
+        const ToolResult r = tool.run({"flows", "-r", kSample, c.option, file, "-w", "/dev/null"});
         EXPECT_EQ(r.exit_code, c.exit_code) << r.err;
-        for (std::string m : c.messages) {
-            for (size_t at; (at = m.find("FILE")) != std::string::npos;)
-                m.replace(at, 4, path);
+        for (const std::string &m : c.messages)
             EXPECT_NE(r.err.find(m), std::string::npos) << m << " in\n" << r.err;
-        }
     }
 }
 
 // Per protocol: flows that ended (slices aside), packets and bytes, the most bytes first: the same
 // sums as those of the records written.
-TEST_F(Detection, StatsAddProtocolTotalsSortedByBytes) {
+TEST(Detection, StatsAddProtocolTotalsSortedByBytes) {
+    ToolRunner tool;
     const ToolResult r = tool.run({"flows", "-r", kSample, "--stats", "--slice", "5", "-w",
                                    tool.path("flows.json"), "--format", "json"});
     const size_t table = r.err.find("application protocol");
@@ -90,42 +80,34 @@ TEST_F(Detection, StatsAddProtocolTotalsSortedByBytes) {
     EXPECT_EQ(totals["DNS"][0], 19u);
 }
 
-// Real captures get the protocols an analyst would name: "PROTO SERVER:PORT APP" of a flow.
+// Real captures get the protocols an analyst would name: "FILE PROTO SERVER:PORT APP [ANSWER]".
 TEST(DetectionCorpus, RealCapturesGetTheProtocolsAnAnalystWouldName) {
     if (access(kCorpus.c_str(), R_OK) != 0) GTEST_SKIP() << "no captures at " << kCorpus;
-    const std::pair<const char *, std::vector<std::string>> cases[] = {
-        {"dns_udp.pcap", {"UDP 209.87.249.18:53 DNS NOERROR"}},
-        {"dns_tcp_8053.pcap", {"TCP 209.87.249.18:8053 DNS NOERROR"}},  // by payload, not port
-        {"accecn_handshake.pcap", {"TCP 66.228.43.12:80 HTTP 200"}},
-        {"ssh.pcap", {"TCP 223.132.53.222:22 SSH"}},
-        {"ntp.pcap", {"UDP 192.168.100.1:123 NTP"}},
-        {"tftp.pcap", {"UDP 192.168.1.1:69 TFTP"}},
-        {"dhcp-rfc3004.pcap", {"UDP 255.255.255.255:67 DHCP"}},
-        {"ISAKMP_sa_setup.pcap", {"UDP 10.0.0.2:500 IKE"}},
-        {"RADIUS-port1700.pcap", {"UDP 127.0.0.1:1700 RADIUS"}},
-        {"afs.pcap", {"UDP 131.151.1.60:88 Kerberos"}},
-        {"gquic.pcap", {"UDP 216.58.195.67:443 QUIC"}},
-        {"bgp-4byte-asn.pcap", {"TCP 1.0.2.1:179 BGP"}},
-        {"eapon1.pcap", {"UDP 239.255.255.250:1900 SSDP", "UDP 192.168.1.255:138 NetBIOS"}},
-    };
-    for (const auto &[file, flows] : cases) {
+    for (const std::string c :
+         {"dns_udp.pcap UDP 209.87.249.18:53 DNS NOERROR",
+          "dns_tcp_8053.pcap TCP 209.87.249.18:8053 DNS NOERROR",  // not by port
+          "accecn_handshake.pcap TCP 66.228.43.12:80 HTTP 200",
+          "ssh.pcap TCP 223.132.53.222:22 SSH", "ntp.pcap UDP 192.168.100.1:123 NTP",
+          "tftp.pcap UDP 192.168.1.1:69 TFTP", "dhcp-rfc3004.pcap UDP 255.255.255.255:67 DHCP",
+          "ISAKMP_sa_setup.pcap UDP 10.0.0.2:500 IKE",
+          "RADIUS-port1700.pcap UDP 127.0.0.1:1700 RADIUS", "afs.pcap UDP 131.151.1.60:88 Kerberos",
+          "gquic.pcap UDP 216.58.195.67:443 QUIC", "bgp-4byte-asn.pcap TCP 1.0.2.1:179 BGP",
+          "eapon1.pcap UDP 239.255.255.250:1900 SSDP",
+          "eapon1.pcap UDP 192.168.1.255:138 NetBIOS"}) {
         ToolRunner tool;
+        const std::string file = c.substr(0, c.find(' '));
         const ToolResult r =
             tool.run({"flows", "-r", kCorpus + file, "--format", "json", "--extra-dissection"});
-        ASSERT_EQ(r.exit_code, 0) << file << ": " << r.err;
-        std::multiset<std::string> got;
+        std::string got;
         for (const Json &rec : r.records()) {
-            std::string s = std::string(rec["proto"]) + " " + std::string(rec["dest_ip"]) + ":" +
-                            std::to_string(int(rec.value("dest_port", 0))) + " " +
-                            std::string(rec["app_proto"]);
-            if (rec.contains("dns") && rec["dns"].contains("rcode"))
-                s += " " + std::string(rec["dns"]["rcode"]);
-            if (rec.contains("http") && rec["http"].contains("status"))
-                s += " " + rec["http"]["status"].dump();
-            got.insert(s);
+            got += "\n" + file + " " + text(rec["proto"]) + " " + text(rec["dest_ip"]) + ":" +
+                   text(rec.value("dest_port", 0)) + " " + text(rec["app_proto"]);
+            for (const Json::json_pointer &answer :
+                 {"/dns/rcode"_json_pointer, "/http/status"_json_pointer})
+                if (rec.contains(answer)) got += " " + text(rec[answer]);
         }
-        for (const std::string &want : flows)
-            EXPECT_GE(got.count(want), 1u) << file << ": " << want << " not in\n" << r.out;
+        EXPECT_NE((got + "\n").find("\n" + c + "\n"), std::string::npos)
+            << c << " not in" << got << r.err;
     }
 }
 

@@ -7,10 +7,9 @@
 #include <signal.h>
 #include <zmq.h>
 
-#include <algorithm>
 #include <climits>
-#include <memory>
 #include <cstring>
+#include <memory>
 #include <set>
 
 #include "quelm_wire.h"
@@ -41,8 +40,7 @@ class Collector {
         pid_ = tool_.start(
             {"collect", mode, where, "--secret-key", key + ".key", "-w", tool_.path("out")});
         // "quelm collect: listening on tcp://127.0.0.1:41234; Ctrl-C ends", once it is.
-        EXPECT_TRUE(eventually(
-            [this] { return tool_.read("stderr").find("; Ctrl-C ends") != std::string::npos; }));
+        EXPECT_TRUE(tool_.wait_for("stderr", "; Ctrl-C ends"));
         const std::string err = tool_.read("stderr");
         const size_t from = err.find(mode == "--bind" ? " on " : " to ") + 4;
         endpoint = err.substr(from, err.find(';') - from);
@@ -72,10 +70,6 @@ class Collector {
     ToolRunner tool_;
     pid_t pid_ = -1;
 };
-
-std::string text(const Json &v) {
-    return v.is_string() ? std::string(v) : v.dump();
-}
 
 // Flows by addresses, ports and counters: "10.99.0.2:4000 > 10.99.0.53:53 = 1/79 1/95". ICMP flows
 // carry type << 8 | code as destination port, as the exported key does.
@@ -110,18 +104,11 @@ std::multiset<std::string> flows_of_collector(const std::vector<Json> &records) 
     return flows;
 }
 
-class Export : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        if (access(kSample.c_str(), R_OK) != 0) GTEST_SKIP() << kSample << " is not there";
-    }
-    ToolRunner tool;
-};
-
 // Both ways of connecting, both formats: the collector gets every flow the table wrote, with the
 // same counters and the protocol's name, and one statistics record. An exporter that connects
 // waits for its collector: one that starts after it loses nothing.
-TEST_F(Export, CollectorRecordsEqualTheWrittenFlows) {
+TEST(Export, CollectorRecordsEqualTheWrittenFlows) {
+    ToolRunner tool;
     const std::string key = make_key(tool, "k");
     int run = 0;
     for (const char *mode : {"--zmq-connect --zmq-format tlv", "--zmq-connect --zmq-format json",
@@ -132,14 +119,12 @@ TEST_F(Export, CollectorRecordsEqualTheWrittenFlows) {
         std::unique_ptr<Collector> collector;
         if (!exporter_connects) collector = std::make_unique<Collector>("--connect", endpoint, key);
         const pid_t sender = tool.start(tool.words(
-            std::string(
-                "flows -r SAMPLE --extra-dissection --format json -w DIR/flows.json --zmq END "
-                "--zmq-server-key KEY --zmq-wait 20 ") +
+            std::string("flows -r SAMPLE --extra-dissection --format json -w flows.json --zmq END "
+                        "--zmq-server-key KEY --zmq-wait 20 ") +
                 mode,
             {{"SAMPLE", kSample}, {"END", endpoint}, {"KEY", "@" + key + ".pub"}}));
         if (exporter_connects) {
-            EXPECT_TRUE(eventually(
-                [&] { return tool.read("stderr").find("waiting up to") != std::string::npos; }));
+            EXPECT_TRUE(tool.wait_for("stderr", "waiting up to"));
             collector = std::make_unique<Collector>("--bind", endpoint, key);
         }
         const ToolResult sent = tool.finish(sender);
@@ -169,7 +154,8 @@ TEST_F(Export, CollectorRecordsEqualTheWrittenFlows) {
 
 // Without the secret that matches the exporter's key the handshake fails: nothing arrives. An
 // exporter that should bind the collector's endpoint finds it busy and stops before reading.
-TEST_F(Export, WrongSecretKeyReceivesNothingAndBusyEndpointIsRefused) {
+TEST(Export, WrongSecretKeyReceivesNothingAndBusyEndpointIsRefused) {
+    ToolRunner tool;
     const std::string right = make_key(tool, "right");
     Collector collector("--bind", "tcp://127.0.0.1:*", make_key(tool, "wrong"));
     const ToolResult sent =
@@ -199,8 +185,9 @@ std::string header(const char *topic, uint8_t version, uint16_t size, uint32_t c
 
 // Whatever arrives, the collector writes the records it can read, reports what it cannot and what
 // went missing by the counters, and goes on. Its records and its report (after the listening line)
-// must equal the baselines collector.json and collector.txt (QUELM_UPDATE_BASELINES=1 rewrites).
-TEST_F(Export, CollectorReadsReportsAndCountsEveryMessage) {
+// must equal the baselines collector.json and collector.txt.
+TEST(Export, CollectorReadsReportsAndCountsEveryMessage) {
+    ToolRunner tool;
     const std::string key = make_key(tool, "k");
     Collector collector("--bind", "tcp://127.0.0.1:*", key);
     std::string server_key = read_file(key + ".pub");
@@ -269,14 +256,13 @@ TEST_F(Export, CollectorReadsReportsAndCountsEveryMessage) {
     for (const auto &[baseline, text] :
          {std::pair{"collector.json", collector.output()},
           std::pair{"collector.txt", done.err.substr(done.err.find('\n') + 1)}}) {
-        const std::string path = std::string(QUELM_BASELINES_DIR "/") + baseline;
-        if (getenv("QUELM_UPDATE_BASELINES") != nullptr) std::ofstream(path) << text;
-        EXPECT_EQ(text, read_file(path)) << "differs from " << path;
+        expect_baseline(baseline, text);
     }
 }
 
 // libzmq hidden from the process: the tool still tracks flows; export and keys say what to do.
-TEST_F(Export, WithoutLibzmqFlowsStillWorkAndExportSaysWhatToInstall) {
+TEST(Export, WithoutLibzmqFlowsStillWorkAndExportSaysWhatToInstall) {
+    ToolRunner tool;
     if (geteuid() != 0) GTEST_SKIP() << "hiding libzmq needs a mount namespace (root)";
     char real[PATH_MAX];
     if (realpath("/usr/lib/x86_64-linux-gnu/libzmq.so.5", real) == nullptr)

@@ -50,21 +50,13 @@ class FlowsTool : public ::testing::Test {
     ToolRunner tool;
 };
 
-// The whole output, so that a missing, extra or changed flow or field fails. After a deliberate
-// change of the output, rewrite the baselines with QUELM_UPDATE_BASELINES=1 ctest -R Baselines
-// and review their diff.
+// The whole output, so that a missing, extra or changed flow or field fails (expect_baseline).
 TEST_F(FlowsTool, OutputsEqualTheirBaselines) {
-    if (access(kSample.c_str(), R_OK) != 0) GTEST_SKIP() << kSample << " is not there";
     capture("mixed.pcap", kMixed);
-    capture("vxlan.pcap", {at(1, 0,
-                              Frame()
-                                  .eth()
-                                  .ipv4("192.0.2.1", "192.0.2.2")
-                                  .udp(40000, 4789)
-                                  .bytes({0x08, 0, 0, 0, 0, 0, 42, 0})  // VXLAN, VNI 42
-                                  .eth()
-                                  .ipv4("10.9.0.1", "10.9.0.2")
-                                  .tcp(1234, 443, 0x02))});
+    capture("cut.pcap", kMixed, kLinkEthernet, 10);
+    Frame vxlan;
+    vxlan.eth().ipv4("192.0.2.1", "192.0.2.2").udp(40000, 4789).bytes({8, 0, 0, 0, 0, 0, 42, 0});
+    capture("vxlan.pcap", {at(1, 0, vxlan.eth().ipv4("10.9.0.1", "10.9.0.2").tcp(1234, 443, 2))});
     // A TCP flow to the SMTP port whose payload is no protocol: SMTP is guessed from the port.
     const Frame opaque =
         Frame().eth().ipv4("10.0.0.1", "10.0.0.2").tcp(40000, 25, 0x18).payload(30);
@@ -76,36 +68,36 @@ TEST_F(FlowsTool, OutputsEqualTheirBaselines) {
     tool.write("more.txt", "DemoWeb host:www.demo.quelm.test\n");
     tool.write("web.conf", "[filter]\nHTTP.DemoWeb = user_2\n");
     const std::pair<const char *, const char *> cases[] = {
-        {"mixed.json", "flows -r DIR/mixed.pcap --format json"},  // TCP, IPv6, ICMP, VLAN fields
-        {"mixed.txt", "flows -r DIR/mixed.pcap"},                 // HTTP guessed from the port
-        {"vxlan.json", "flows -r DIR/vxlan.pcap --format json"},  // the outer flow only
-        {"vxlan-tunnels.json", "flows -r DIR/vxlan.pcap --format json --tunnels"},
-        {"smtp.json", "flows -r DIR/smtp.pcap --format json"},
-        {"smtp-noguess.json", "flows -r DIR/smtp.pcap --format json --no-guess"},
+        {"mixed.json", "flows -r mixed.pcap --format json"},  // TCP, IPv6, ICMP, VLAN fields
+        {"mixed.txt", "flows -r mixed.pcap"},                 // HTTP guessed from the port
+        {"vxlan.json", "flows -r vxlan.pcap --format json"},  // the outer flow only (VNI 42)
+        // The flows read before the damage, the cut FIN of the TCP flow not counted (exit 65).
+        {"cut.json", "flows -r cut.pcap --format json"},
+        {"vxlan-tunnels.json", "flows -r vxlan.pcap --format json --tunnels"},
+        {"smtp.json", "flows -r smtp.pcap --format json"},
+        {"smtp-noguess.json", "flows -r smtp.pcap --format json --no-guess"},
         {"demo.txt", "flows -r SAMPLE"},
         {"demo.json", "flows -r SAMPLE --format json"},  // request details, no answers
         {"demo-extra.json", "flows -r SAMPLE --format json --extra-dissection"},
         {"demo-nodpi.txt", "flows -r SAMPLE --no-dpi"},  // every flow Unknown
         // Filters set the flows' action; a shunt discards a flow beyond its packet count.
-        {"demo-rules.json", "flows -r SAMPLE --format json --rules DIR/rules.conf"},
+        {"demo-rules.json", "flows -r SAMPLE --format json --rules rules.conf"},
         // The rules file's packet limit leaves HTTP named; the command line's wins over it: one
         // TCP packet, the SYN, and HTTP is only guessed from the port.
-        {"demo-80-limits.json",
-         "flows --rules DIR/limits.conf -r SAMPLE --format json tcp port 80"},
+        {"demo-80-limits.json", "flows --rules limits.conf -r SAMPLE --format json tcp port 80"},
         {"demo-80-1packet.json",
-         "flows --rules DIR/limits.conf --dpi-tcp-packets 1 -r SAMPLE --format json tcp port 80"},
+         "flows --rules limits.conf --dpi-tcp-packets 1 -r SAMPLE --format json tcp port 80"},
         // A protocol of a protocols file is listed, detected by its rule and usable in rules.
         {"protocols.txt", "protocols"},
-        {"protocols-more.txt", "protocols --protocols DIR/more.txt"},
+        {"protocols-more.txt", "protocols --protocols more.txt"},
         {"demo-more.json",
-         "flows -r SAMPLE --format json --protocols DIR/more.txt --rules DIR/web.conf tcp"},
+         "flows -r SAMPLE --format json --protocols more.txt --rules web.conf tcp"},
     };
     for (const auto &[baseline, line] : cases) {
         const ToolResult r = tool.run(tool.words(line, {{"SAMPLE", kSample}}));
-        ASSERT_EQ(r.exit_code, 0) << line << ": " << r.err;
-        const std::string path = std::string(QUELM_BASELINES_DIR "/") + baseline;
-        if (getenv("QUELM_UPDATE_BASELINES") != nullptr) std::ofstream(path) << r.out;
-        EXPECT_EQ(r.out, read_file(path)) << line << " differs from " << path;
+        ASSERT_EQ(r.exit_code, std::string(baseline) == "cut.json" ? 65 : 0)
+            << line << ": " << r.err;
+        expect_baseline(baseline, r.out);
     }
 }
 
@@ -156,9 +148,9 @@ TEST_F(FlowsTool, FlowsEndAsConfigured) {
         {"-r IN udp and src port 2",
          {at(1, 0, udp_from(1)), at(1, 1, udp_from(2)), at(1, 2, udp_from(2))},
          {"2 flush 2"}},
-        {"-r IN -F DIR/tcp.bpf", kMixed, {"40000 flush 2"}},
-        {"-r -", kMixed, mixed},                               // standard input
-        {"-r DIR/head.pcap -r DIR/tail.pcap", kMixed, mixed},  // one stream: TCP spans the two
+        {"-r IN -F tcp.bpf", kMixed, {"40000 flush 2"}},
+        {"-r -", kMixed, mixed},                       // standard input
+        {"-r head.pcap -r tail.pcap", kMixed, mixed},  // one stream: TCP spans the two
         {"-r IN", one_per_second(50, 52, 300), every_port(300, " flush 3")},  // each once
     };
     tool.write("tcp.bpf", "# TCP only\nip proto 6 # to the end of the line\n");
@@ -182,17 +174,11 @@ TEST_F(FlowsTool, FlowsEndAsConfigured) {
 
 // The same request and reply under every link type the tool adapts, counted as on Ethernet.
 TEST_F(FlowsTool, LinkHeadersAreAdaptedToEthernet) {
-    for (const auto &[link_type, ipv6] : std::vector<std::pair<uint32_t, bool>>{{113, false},
-                                                                                {113, true},
-                                                                                {276, false},
-                                                                                {101, false},
-                                                                                {101, true},
-                                                                                {228, false},
-                                                                                {229, true},
-                                                                                {0, false},
-                                                                                {0, true},
-                                                                                {108, false}}) {
-        SCOPED_TRACE("link type " + std::to_string(link_type) + (ipv6 ? " IPv6" : ""));
+    for (const std::string link :
+         {"113", "113 v6", "276", "101", "101 v6", "228", "229 v6", "0", "0 v6", "108"}) {
+        SCOPED_TRACE("link type " + link);
+        const uint32_t link_type = std::stoul(link);
+        const bool ipv6 = link.find("v6") != std::string::npos;
         const char *client = ipv6 ? "fd00::1" : "10.1.0.1", *server = ipv6 ? "fd00::2" : "10.1.0.2";
         const bool cooked = link_type == 113 || link_type == 276;  // these record the sender's MAC
         auto packet = [&](int64_t usec, bool up) {
@@ -242,8 +228,8 @@ TEST_F(FlowsTool, ExitStatusesTellWhatWentWrong) {
     tool.write("bad.key", "not a key");
     const std::string z85_no_key(40, '~');
     const std::tuple<const char *, int, const char *> cases[] = {
-        {"keygen -o DIR/k", 0, ""},  // the key of the collector's rows
-        {"keygen -o DIR/no/k", 73, "no/k"},
+        {"keygen -o k", 0, ""},  // the key of the collector's rows
+        {"keygen -o no/k", 73, "no/k"},
         {"", 64, "flows"},
         {"flows", 64, "-r FILE"},
         {"flows -r GOOD --colour", 64, "--colour"},
@@ -255,29 +241,29 @@ TEST_F(FlowsTool, ExitStatusesTellWhatWentWrong) {
         {"flows -r GOOD --no-dpi --protocols GOOD", 64, "excludes"},
         {"flows -r GOOD --no-dpi --categories GOOD", 64, "excludes"},
         {"flows -r GOOD --no-dpi --extra-dissection", 64, "excludes"},
-        {"flows -r DIR/nothing.pcap", 66, "No such file"},
-        {"flows -r GOOD -r DIR/none", 66, "none"},
-        {"flows -r DIR/", 66, "directory"},
-        {"flows -r GOOD -F DIR/no.bpf", 66, "no.bpf"},
-        {"flows -r DIR/garbage.pcap", 65, "not a capture"},
-        {"flows -r DIR/header_only.pcap", 65, "not a capture"},
-        {"flows -r DIR/wifi.pcap", 65, "IEEE802_11"},
-        {"flows -r DIR/cut.pcap -w /dev/null", 65, "damaged after 6 packets"},
-        {"flows -r GOOD -w DIR/no/out", 74, "cannot create"},
+        {"flows -r nothing.pcap", 66, "No such file"},
+        {"flows -r GOOD -r none", 66, "none"},
+        {"flows -r .", 66, "directory"},
+        {"flows -r GOOD -F no.bpf", 66, "no.bpf"},
+        {"flows -r garbage.pcap", 65, "not a capture"},
+        {"flows -r header_only.pcap", 65, "not a capture"},
+        {"flows -r wifi.pcap", 65, "IEEE802_11"},
+        {"flows -r cut.pcap -w /dev/null", 65, "damaged after 6 packets"},
+        {"flows -r GOOD -w no/out", 74, "cannot create"},
         {"flows -r GOOD -w /dev/full", 74, "No space left"},
         {"flows -r GOOD --zmq ANY --zmq-server-key tooshort", 64,
          "Bad ZMQ server public key size (8 != 40)"},
         {"flows -r GOOD --zmq ANY --zmq-server-key NOKEY", 64,
          "(22)\nquelm flows: the server key is not a CURVE public key"},
-        {"flows -r GOOD --zmq ANY --zmq-server-key @DIR/no.pub", 66, "cannot open the key file"},
+        {"flows -r GOOD --zmq ANY --zmq-server-key @no.pub", 66, "cannot open the key file"},
         {"flows -r GOOD --zmq nonsense://x --zmq-connect", 64, "cannot connect to nonsense://x"},
         // Without a server key the library's built-in one is used, and the user is told.
         {"flows -r GOOD --zmq ANY --zmq-wait 0", 0, "only a collector holding its secret can read"},
-        {"collect --secret-key DIR/bad.key", 64, "--bind ENDPOINT"},
-        {"collect --bind ANY --secret-key DIR/no.key", 66, "cannot open the secret key file"},
-        {"collect --bind ANY --secret-key DIR/bad.key", 65, "make one with quelm keygen"},
-        {"collect --bind nonsense://x --secret-key DIR/k.key", 66, "cannot listen on nonsense://x"},
-        {"collect --bind ANY --secret-key DIR/k.key -w DIR/no/out", 74, "no/out"},
+        {"collect --secret-key bad.key", 64, "--bind ENDPOINT"},
+        {"collect --bind ANY --secret-key no.key", 66, "cannot open the secret key file"},
+        {"collect --bind ANY --secret-key bad.key", 65, "make one with quelm keygen"},
+        {"collect --bind nonsense://x --secret-key k.key", 66, "cannot listen on nonsense://x"},
+        {"collect --bind ANY --secret-key k.key -w no/out", 74, "no/out"},
     };
     for (const auto &[line, exit_code, message] : cases) {
         const ToolResult r = tool.run(tool.words(line, {{"GOOD", tool.path("good.pcap")},
@@ -287,15 +273,6 @@ TEST_F(FlowsTool, ExitStatusesTellWhatWentWrong) {
         EXPECT_NE(r.err.find(message), std::string::npos) << line << "\n" << r.err;
         EXPECT_TRUE(exit_code != 64 || r.out.empty()) << line << ": written after a refusal";
     }
-}
-
-TEST_F(FlowsTool, TruncatedCaptureWritesTheFlowsReadSoFar) {
-    const ToolResult r = tool.run(
-        {"flows", "-r", capture("cut.pcap", kMixed, kLinkEthernet, 10), "--format", "json"});
-    EXPECT_EQ(r.exit_code, 65);
-    ASSERT_EQ(r.records().size(), 4u);
-    EXPECT_EQ(r.records()[0]["flow"]["pkts_toclient"],
-              1);  // the TCP flow: the cut FIN is not counted
 }
 
 TEST_F(FlowsTool, ClosedOutputPipeIsAnOutputError) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -35,6 +36,11 @@ inline std::vector<std::string> split_lines(const std::string &text) {
     return result;
 }
 
+// A value as the tests compare it: strings without their quotes.
+inline std::string text(const Json &v) {
+    return v.is_string() ? std::string(v) : v.dump();
+}
+
 // Every line parsed as JSON: a line that is not valid JSON throws, so parsing also checks it.
 inline std::vector<Json> json_lines(const std::string &text) {
     std::vector<Json> result;
@@ -54,6 +60,14 @@ inline bool eventually(const std::function<bool()> &done, double seconds = 20) {
     return true;
 }
 
+// A whole output against its file in tests/tool/baselines. After a deliberate change of the
+// output, QUELM_UPDATE_BASELINES=1 ctest -R tool rewrites the files; review their diff.
+inline void expect_baseline(const std::string &name, const std::string &text) {
+    const std::string path = QUELM_BASELINES_DIR "/" + name;
+    if (getenv("QUELM_UPDATE_BASELINES") != nullptr) std::ofstream(path) << text;
+    EXPECT_EQ(text, read_file(path)) << "differs from " << path;
+}
+
 struct ToolResult {
     int exit_code = -1;  // 128 + signal number when the program was killed
     std::string out, err;
@@ -70,24 +84,26 @@ class ToolRunner {
 
     std::string path(const std::string &name) const { return dir_ + "/" + name; }
     std::string read(const std::string &name) const { return read_file(path(name)); }
+    // Waits until the file `name` of the folder holds `text`.
+    bool wait_for(const std::string &name, const std::string &text) const {
+        return eventually([&] { return read(name).find(text) != std::string::npos; });
+    }
     std::string write(const std::string &name, const std::string &text) const {
         std::ofstream(path(name)) << text;
         return path(name);
     }
-    // A command line as words; "DIR/x" is the file x of the scratch folder, a word of `names`
-    // stands for its value.
+    // A command line as words; a word of `names` stands for its value.
     std::vector<std::string> words(const std::string &line,
                                    const std::map<std::string, std::string> &names = {}) const {
         std::vector<std::string> result;
         std::istringstream in(line);
         for (std::string w; in >> w;)
-            result.push_back(names.count(w) != 0       ? names.at(w)
-                             : w.rfind("DIR/", 0) == 0 ? path(w.substr(4))
-                                                       : w);
+            result.push_back(names.count(w) != 0 ? names.at(w) : w);
         return result;
     }
 
-    // Starts a program and returns its pid; `stdout_fd` >= 0 replaces the output file.
+    // Starts a program in the scratch folder (relative names are its files) and returns its pid;
+    // `stdout_fd` >= 0 replaces the output file.
     pid_t spawn(std::vector<std::string> args, const std::string &stdin_path = "/dev/null",
                 int stdout_fd = -1) const {
         std::vector<char *> argv;
@@ -100,6 +116,7 @@ class ToolRunner {
         const pid_t pid = fork();
         if (pid == 0) {
             dup2(in, 0), dup2(out, 1), dup2(err, 2);
+            if (chdir(dir_.c_str()) != 0) _exit(126);
             execvp(argv[0], argv.data());
             _exit(127);
         }
