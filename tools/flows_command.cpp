@@ -195,8 +195,19 @@ void add_input_options(CLI::App &command, FlowsOptions &o) {
         ->group(group);
 }
 
+constexpr const char *kTableGroup = "Flow table";
+
+// A time limit of the flow table, shown with its default.
+CLI::Option *seconds_option(CLI::App &command, const char *name, uint32_t &value,
+                            const char *help) {
+    return command.add_option(name, value, help)
+        ->type_name("SECONDS")
+        ->capture_default_str()
+        ->group(kTableGroup);
+}
+
 void add_table_options(CLI::App &command, FlowsOptions &o) {
-    const char *group = "Flow table";
+    const char *group = kTableGroup;
     command
         .add_option("--max-flows", o.max_flows,
                     "Size of the flow table: room for twice this many IPv4 flows and as many IPv6 "
@@ -205,28 +216,16 @@ void add_table_options(CLI::App &command, FlowsOptions &o) {
         ->capture_default_str()
         ->check(CLI::Range(1u, kMaxTableFlows).description(""))
         ->group(group);
-    command
-        .add_option("--idle", o.idle,
-                    "End a flow after more than SECONDS without a packet in either direction")
-        ->type_name("SECONDS")
-        ->capture_default_str()
-        ->check(CLI::Range(1u, UINT32_MAX).description(""))
-        ->group(group);
-    command
-        .add_option("--lifetime", o.lifetime,
-                    "End a flow that has lasted more than SECONDS when its next packet arrives; "
-                    "that packet starts a new flow")
-        ->type_name("SECONDS")
-        ->capture_default_str()
-        ->check(CLI::Range(1u, UINT32_MAX).description(""))
-        ->group(group);
-    command
-        .add_option("--slice", o.slice,
-                    "Also write a partial record (reason \"slice\") of every flow still going on "
-                    "every SECONDS, counting the packets since the previous one; 0 turns it off")
-        ->type_name("SECONDS")
-        ->capture_default_str()
-        ->group(group);
+    seconds_option(command, "--idle", o.idle,
+                   "End a flow after more than SECONDS without a packet in either direction")
+        ->check(CLI::Range(1u, UINT32_MAX).description(""));
+    seconds_option(command, "--lifetime", o.lifetime,
+                   "End a flow that has lasted more than SECONDS when its next packet arrives; "
+                   "that packet starts a new flow")
+        ->check(CLI::Range(1u, UINT32_MAX).description(""));
+    seconds_option(command, "--slice", o.slice,
+                   "Also write a partial record (reason \"slice\") of every flow still going on "
+                   "every SECONDS, counting the packets since the previous one; 0 turns it off");
     command.add_flag("--ignore-vlan", o.ignore_vlan, "Merge flows that differ only in VLAN id")
         ->group(group);
     command
