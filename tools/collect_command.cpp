@@ -72,6 +72,33 @@ bool decode_tlv(const std::string &payload, std::vector<Record> *records, std::s
     return true;
 }
 
+// A JSON payload into records: one object, or (flows only) an array of them.
+bool decode_json(const std::string &payload, bool stats, std::vector<Record> *records,
+                 std::string *problem) {
+    Record batch;
+    std::string error;
+    if (!parse_record_json(payload, &batch, &error)) {
+        *problem = "bad JSON: " + error;
+        return false;
+    }
+    if (batch.is_object()) {
+        records->push_back(std::move(batch));
+        return true;
+    }
+    if (!batch.is_array() || stats) {
+        *problem = "the JSON payload is not a record";
+        return false;
+    }
+    for (Record &item : batch) {
+        if (!item.is_object()) {
+            *problem = "a JSON batch holds something other than records";
+            return false;
+        }
+        records->push_back(std::move(item));
+    }
+    return true;
+}
+
 std::string builtin_protocol_name(const std::string &ids) {
     // The engine's built-in names; protocols an exporter loaded from a file are not known here.
     static void *engine = quelm_dpi_alloc(1);
@@ -311,25 +338,8 @@ DecodedMessage decode_message(const std::vector<std::string> &parts) {
             m.problem = "the version byte says JSON, the payload is not";
             return m;
         }
-        Record batch;
-        std::string error;
-        if (!parse_record_json(payload, &batch, &error)) {
-            m.problem = "bad JSON: " + error;
-            return m;
-        }
-        if (batch.is_object()) {
-            m.records.push_back(std::move(batch));
-        } else if (batch.is_array() && !m.stats) {
-            for (Record &item : batch) {
-                if (!item.is_object()) {
-                    m.problem = "a JSON batch holds something other than records";
-                    m.records.clear();
-                    return m;
-                }
-                m.records.push_back(std::move(item));
-            }
-        } else {
-            m.problem = "the JSON payload is not a record";
+        if (!decode_json(payload, m.stats, &m.records, &m.problem)) {
+            m.records.clear();
             return m;
         }
     } else if (version == wire::kVersionTlv) {
