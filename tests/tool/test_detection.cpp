@@ -1,5 +1,6 @@
 // Detection in `quelm flows` beyond the baselines: rules and engine files that are refused with the
 // bad line named, protocol totals, real captures, and the JSON text of the records.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,6 +11,8 @@
 
 namespace quelm_test {
 namespace {
+
+using ::testing::HasSubstr;
 
 const std::string kSample = QUELM_SAMPLES_DIR "/demo.pcap";
 const std::string kCorpus = QUELM_CORPUS_DIR "/tcpdump/";
@@ -47,7 +50,7 @@ TEST(Detection, BadFilesAreRefusedWithTheLineNamed) {
         const ToolResult r = tool.run({"flows", "-r", kSample, c.option, file, "-w", "/dev/null"});
         EXPECT_EQ(r.exit_code, c.exit_code) << r.err;
         for (const std::string &m : c.messages)
-            EXPECT_NE(r.err.find(m), std::string::npos) << m << " in\n" << r.err;
+            EXPECT_THAT(r.err, HasSubstr(m)) << file;
     }
 }
 
@@ -106,8 +109,7 @@ TEST(DetectionCorpus, RealCapturesGetTheProtocolsAnAnalystWouldName) {
                  {"/dns/rcode"_json_pointer, "/http/status"_json_pointer})
                 if (rec.contains(answer)) got += " " + text(rec[answer]);
         }
-        EXPECT_NE((got + "\n").find("\n" + c + "\n"), std::string::npos)
-            << c << " not in" << got << r.err;
+        EXPECT_THAT(got + "\n", HasSubstr("\n" + c + "\n")) << c << " not in" << got << r.err;
     }
 }
 

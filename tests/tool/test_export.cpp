@@ -3,6 +3,7 @@
 // collectors that come late, malformed messages, no libzmq at all. Sockets bind ports the system
 // picks or socket files of the test's folder; the tests wait for readiness lines and output.
 #include <arpa/inet.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <zmq.h>
@@ -17,6 +18,8 @@
 
 namespace quelm_test {
 namespace {
+
+using ::testing::HasSubstr;
 
 namespace wire = quelm::wire;
 const std::string kSample = QUELM_SAMPLES_DIR "/demo.pcap";
@@ -134,7 +137,7 @@ TEST(Export, CollectorRecordsEqualTheWrittenFlows) {
         EXPECT_TRUE(eventually([&] { return collector->flow_records() >= written.size(); }));
         const ToolResult done = collector->stop();
         EXPECT_EQ(done.exit_code, 0) << done.err;
-        EXPECT_NE(done.err.find(" 0 messages lost, 0 malformed"), std::string::npos) << done.err;
+        EXPECT_THAT(done.err, HasSubstr(" 0 messages lost, 0 malformed"));
         const std::vector<Json> received = collector->records();
         EXPECT_EQ(flows_of_collector(received), flows_of_tool(written));
         size_t stats = 0;
@@ -162,15 +165,12 @@ TEST(Export, WrongSecretKeyReceivesNothingAndBusyEndpointIsRefused) {
         tool.run({"flows", "-r", kSample, "--zmq", collector.endpoint, "--zmq-connect",
                   "--zmq-server-key", "@" + right + ".pub", "--zmq-wait", "1"});
     EXPECT_EQ(sent.exit_code, 0) << sent.err;
-    EXPECT_NE(sent.err.find("not every endpoint has a collector that accepts the key"),
-              std::string::npos)
-        << sent.err;
+    EXPECT_THAT(sent.err, HasSubstr("not every endpoint has a collector that accepts the key"));
     const ToolResult busy = tool.run({"flows", "-r", kSample, "--zmq", collector.endpoint,
                                       "--zmq-server-key", "@" + right + ".pub"});
     EXPECT_EQ(busy.exit_code, 66);
-    EXPECT_NE(busy.err.find("cannot listen on " + collector.endpoint), std::string::npos)
-        << busy.err;
-    EXPECT_NE(collector.stop().err.find("quelm collect: 0 messages"), std::string::npos);
+    EXPECT_THAT(busy.err, HasSubstr("cannot listen on " + collector.endpoint));
+    EXPECT_THAT(collector.stop().err, HasSubstr("quelm collect: 0 messages"));
 }
 
 std::string header(const char *topic, uint8_t version, uint16_t size, uint32_t counter) {
@@ -267,20 +267,17 @@ TEST(Export, WithoutLibzmqFlowsStillWorkAndExportSaysWhatToInstall) {
     char real[PATH_MAX];
     if (realpath("/usr/lib/x86_64-linux-gnu/libzmq.so.5", real) == nullptr)
         GTEST_SKIP() << "libzmq.so.5 is not where this test hides it";
-    const std::string tool_path = QUELM_TOOL_PATH;
-    const std::string script =
-        "mount --bind /dev/null " + std::string(real) + " || exit 77; " + tool_path + " flows -r " +
-        kSample + " -w " + tool.path("plain.txt") + "; echo plain=$?; " + tool_path + " flows -r " +
-        kSample + " --zmq tcp://127.0.0.1:* --zmq-wait 0; echo zmq=$?; " + tool_path +
-        " keygen -o " + tool.path("k") + "; echo keygen=$?";
-    const ToolResult r = tool.finish(tool.spawn({"unshare", "-m", "sh", "-c", script}));
+    const char *script = R"(mount --bind /dev/null "$2" || exit 77; "$0" flows -r "$1" -w plain.txt
+        echo plain=$?; "$0" flows -r "$1" --zmq 'tcp://127.0.0.1:*' --zmq-wait 0; echo zmq=$?
+        "$0" keygen -o k; echo keygen=$?)";
+    const ToolResult r = tool.finish(
+        tool.spawn({"unshare", "-m", "sh", "-c", script, QUELM_TOOL_PATH, kSample, real}));
     if (r.exit_code == 77 || r.err.find("unshare failed") != std::string::npos)
         GTEST_SKIP() << r.err;
     for (const char *line :
          {"plain=0", "*** libzmq not found, please install it ***", "zmq=69", "keygen=69"})
-        EXPECT_NE(r.out.find(line), std::string::npos) << line << " in " << r.out;
-    EXPECT_NE(r.err.find("quelm flows: cannot export: libzmq is not installed"), std::string::npos)
-        << r.err;
+        EXPECT_THAT(r.out, HasSubstr(line));
+    EXPECT_THAT(r.err, HasSubstr("quelm flows: cannot export: libzmq is not installed"));
     EXPECT_EQ(tool.read("plain.txt"), read_file(QUELM_BASELINES_DIR "/demo.txt"));
 }
 

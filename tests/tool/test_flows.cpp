@@ -1,5 +1,6 @@
 // End-to-end tests of `quelm flows` and of the exit statuses of every command: generated captures
 // and the bundled sample go in, records and exit codes come out.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,6 +11,8 @@
 
 namespace quelm_test {
 namespace {
+
+using ::testing::HasSubstr;
 
 const std::string kSample = QUELM_SAMPLES_DIR "/demo.pcap";
 
@@ -123,35 +126,30 @@ TEST_F(FlowsTool, FlowsEndAsConfigured) {
     const CapturedPacket mac_b = at(1, 1, udp_from(1, 0, kServerMac));
     const std::vector<std::string> mixed = {"40000 flush 2", "5353 flush 1", "0 flush 1",
                                             "1000 flush 1"};
+    auto u = [](int64_t sec, uint16_t sport) { return at(sec, 0, udp_from(sport)); };
     const struct {
-        const char *args;  // IN is the capture; head.pcap and tail.pcap split it after 3 packets
+        const char *args;  // in.pcap holds the packets; head.pcap and tail.pcap, split after 3
         std::vector<CapturedPacket> packets;
         std::vector<std::string> expected;  // in any order: "<src_port> <reason> <pkts_toserver>"
     } cases[] = {
         // Last packet at 100; idle 5 ends it once a packet of second 106 drives housekeeping.
-        {"-r IN --idle 5",
-         {at(100, 0, udp_from(1)), at(105, 0, udp_from(2)), at(106, 0, udp_from(2))},
-         {"1 idle 1", "2 flush 2"}},
-        {"-r IN --idle 5",
-         {at(100, 0, udp_from(1)), at(105, 0, udp_from(2)), at(105, 0, udp_from(1))},
-         {"1 flush 2", "2 flush 1"}},
+        {"-r in.pcap --idle 5", {u(100, 1), u(105, 2), u(106, 2)}, {"1 idle 1", "2 flush 2"}},
+        {"-r in.pcap --idle 5", {u(100, 1), u(105, 2), u(105, 1)}, {"1 flush 2", "2 flush 1"}},
         // Started at 100: 110 continues it, 111 ends it and opens a new flow.
-        {"-r IN --lifetime 10",
-         {at(100, 0, udp_from(1)), at(110, 0, udp_from(1)), at(111, 0, udp_from(1))},
+        {"-r in.pcap --lifetime 10",
+         {u(100, 1), u(110, 1), u(111, 1)},
          {"1 lifetime 2", "1 flush 1"}},
-        {"-r IN --slice 5", one_per_second(100, 112), {"1 slice 6", "1 slice 6", "1 flush 1"}},
-        {"-r IN", {vlan10, vlan20}, {"1 flush 1", "1 flush 1"}},
-        {"-r IN --ignore-vlan", {vlan10, vlan20}, {"1 flush 2"}},
-        {"-r IN", {mac_a, mac_b}, {"1 flush 2"}},
-        {"-r IN --mac-in-key", {mac_a, mac_b}, {"1 flush 1", "1 flush 1"}},
-        {"-r IN -c 3", one_per_second(100, 110), {"1 flush 3"}},
-        {"-r IN udp and src port 2",
-         {at(1, 0, udp_from(1)), at(1, 1, udp_from(2)), at(1, 2, udp_from(2))},
-         {"2 flush 2"}},
-        {"-r IN -F tcp.bpf", kMixed, {"40000 flush 2"}},
+        {"-r in.pcap --slice 5", one_per_second(100, 112), {"1 slice 6", "1 slice 6", "1 flush 1"}},
+        {"-r in.pcap", {vlan10, vlan20}, {"1 flush 1", "1 flush 1"}},
+        {"-r in.pcap --ignore-vlan", {vlan10, vlan20}, {"1 flush 2"}},
+        {"-r in.pcap", {mac_a, mac_b}, {"1 flush 2"}},
+        {"-r in.pcap --mac-in-key", {mac_a, mac_b}, {"1 flush 1", "1 flush 1"}},
+        {"-r in.pcap -c 3", one_per_second(100, 110), {"1 flush 3"}},
+        {"-r in.pcap udp and src port 2", {u(1, 1), u(1, 2), u(1, 2)}, {"2 flush 2"}},
+        {"-r in.pcap -F tcp.bpf", kMixed, {"40000 flush 2"}},
         {"-r -", kMixed, mixed},                       // standard input
         {"-r head.pcap -r tail.pcap", kMixed, mixed},  // one stream: TCP spans the two
-        {"-r IN", one_per_second(50, 52, 300), every_port(300, " flush 3")},  // each once
+        {"-r in.pcap", one_per_second(50, 52, 300), every_port(300, " flush 3")},  // each once
     };
     tool.write("tcp.bpf", "# TCP only\nip proto 6 # to the end of the line\n");
     for (const auto &c : cases) {
@@ -159,8 +157,7 @@ TEST_F(FlowsTool, FlowsEndAsConfigured) {
         const size_t half = std::min<size_t>(3, c.packets.size());
         write_pcap(tool.path("head.pcap"), {c.packets.begin(), c.packets.begin() + half});
         write_pcap(tool.path("tail.pcap"), {c.packets.begin() + half, c.packets.end()});
-        const ToolResult r =
-            tool.run(tool.words(std::string("flows --format json ") + c.args, {{"IN", in}}), in);
+        const ToolResult r = tool.run(tool.words(std::string("flows --format json ") + c.args), in);
         std::vector<std::string> got, expected = c.expected;
         for (const Json &rec : r.records())
             got.push_back(std::to_string(uint64_t(rec.value("src_port", 0))) + " " +
@@ -270,7 +267,7 @@ TEST_F(FlowsTool, ExitStatusesTellWhatWentWrong) {
                                                         {"ANY", "tcp://127.0.0.1:*"},
                                                         {"NOKEY", z85_no_key}}));
         EXPECT_EQ(r.exit_code, exit_code) << line << "\n" << r.err;
-        EXPECT_NE(r.err.find(message), std::string::npos) << line << "\n" << r.err;
+        EXPECT_THAT(r.err, HasSubstr(message)) << line;
         EXPECT_TRUE(exit_code != 64 || r.out.empty()) << line << ": written after a refusal";
     }
 }
@@ -283,7 +280,7 @@ TEST_F(FlowsTool, ClosedOutputPipeIsAnOutputError) {
         tool.run({"flows", "-r", capture("m.pcap", kMixed)}, "/dev/null", pipe_fds[1]);
     close(pipe_fds[1]);
     EXPECT_EQ(r.exit_code, 74);
-    EXPECT_NE(r.err.find("Broken pipe"), std::string::npos) << r.err;
+    EXPECT_THAT(r.err, HasSubstr("Broken pipe"));
 }
 
 TEST_F(FlowsTool, StatsSummarizeTheRun) {
@@ -294,7 +291,7 @@ TEST_F(FlowsTool, StatsSummarizeTheRun) {
     for (const char *line :
          {"packets              8\n", "not decoded          1\n", "flows created        4\n",
           "flows written        4 (0 slices)\n", "no room              0\n", "packets per second"})
-        EXPECT_NE(r.err.find(line), std::string::npos) << line << " in\n" << r.err;
+        EXPECT_THAT(r.err, HasSubstr(line));
 }
 
 }  // namespace
