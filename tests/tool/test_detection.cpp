@@ -17,43 +17,6 @@ using ::testing::HasSubstr;
 const std::string kSample = QUELM_SAMPLES_DIR "/demo.pcap";
 const std::string kCorpus = QUELM_CORPUS_DIR "/tcpdump/";
 
-TEST(Detection, BadFilesAreRefusedWithTheLineNamed) {
-    ToolRunner tool;
-    const struct {
-        const char *option;    // --rules, --protocols or --categories
-        const char *contents;  // nullptr: the file does not exist
-        int exit_code;
-        std::vector<std::string> messages;  // parts of standard error
-    } cases[] = {
-        {"--rules",
-         "; comment\n[filter]\nTLS = discard\nHTTP.SSH = user_1\n[shunt]\ndefault = 0\nudp=5\n"
-         "[global]\ndefault = forward\ndpi_min_num_udp_packets = 3\n",
-         0,
-         {}},
-        {"--rules", nullptr, 66, {"cannot open the rules file"}},
-        {"--rules",
-         "HTTP = discard\n[filter]\nHTTPS = discard\nTLS = drop\nHTTP.Nothing = forward\n[shunt]\n"
-         "DNS = many\nTLS = 300\n[global]\ncolour = blue\n[firewall]\n",
-         65,
-         {"given.txt:1: a rule before any [section]", "given.txt:3: unknown protocol 'HTTPS'",
-          "given.txt:4: 'drop' is not an action", "given.txt:5: unknown protocol 'HTTP.Nothing'",
-          "given.txt:7: 'many' is not a packet count", "given.txt:8: '300' is not a packet count",
-          "given.txt:10: unknown setting 'colour'", "given.txt:11: unknown section [firewall]",
-          "8 bad lines"}},
-        {"--protocols", "CorpApp tcp:8443\nBroken tcp:99999\n", 65, {"given.txt:2", "was refused"}},
-        {"--protocols", nullptr, 66, {"cannot open 'absent.txt'"}},
-        {"--categories", "NoSuchCategory host:a.example\n", 65, {"given.txt:1", "was refused"}},
-    };
-    for (const auto &c : cases) {
-        if (c.contents != nullptr) tool.write("given.txt", c.contents);
-        const char *file = c.contents != nullptr ? "given.txt" : "absent.txt";
-        const ToolResult r = tool.run({"flows", "-r", kSample, c.option, file, "-w", "/dev/null"});
-        EXPECT_EQ(r.exit_code, c.exit_code) << r.err;
-        for (const std::string &m : c.messages)
-            EXPECT_THAT(r.err, HasSubstr(m)) << file;
-    }
-}
-
 // Per protocol: flows that ended (slices aside), packets and bytes, the most bytes first: the same
 // sums as those of the records written.
 TEST(Detection, StatsAddProtocolTotalsSortedByBytes) {

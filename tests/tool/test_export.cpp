@@ -74,18 +74,19 @@ class Collector {
     pid_t pid_ = -1;
 };
 
-// Flows by addresses, ports and counters: "10.99.0.2:4000 > 10.99.0.53:53 = 1/79 1/95". ICMP flows
+// Flows by addresses, ports and counters: "10.99.0.2 4000 10.99.0.53 53 1 79 1 95". ICMP flows
 // carry type << 8 | code as destination port, as the exported key does.
 std::multiset<std::string> flows_of_tool(const std::vector<Json> &records) {
     std::multiset<std::string> flows;
-    for (const Json &r : records) {
-        const int dport = r.contains("icmp_type") ? int(r["icmp_type"]) << 8 | int(r["icmp_code"])
-                                                  : int(r.value("dest_port", 0));
-        const Json &f = r["flow"];
-        flows.insert(text(r["src_ip"]) + ":" + text(r.value("src_port", 0)) + " > " +
-                     text(r["dest_ip"]) + ":" + std::to_string(dport) + " = " +
-                     text(f["pkts_toserver"]) + "/" + text(f["bytes_toserver"]) + " " +
-                     text(f["pkts_toclient"]) + "/" + text(f["bytes_toclient"]));
+    for (Json r : records) {
+        if (r.contains("icmp_type"))
+            r["dest_port"] = int(r["icmp_type"]) << 8 | int(r["icmp_code"]);
+        std::string flow;
+        for (const char *field :
+             {"/src_ip", "/src_port", "/dest_ip", "/dest_port", "/flow/pkts_toserver",
+              "/flow/bytes_toserver", "/flow/pkts_toclient", "/flow/bytes_toclient"})
+            flow += text(r.value(Json::json_pointer(field), Json(0))) + " ";
+        flows.insert(flow);
     }
     return flows;
 }
@@ -95,14 +96,12 @@ std::multiset<std::string> flows_of_collector(const std::vector<Json> &records) 
     std::multiset<std::string> flows;
     for (const Json &r : records) {
         const bool v6 = r.contains(netflow(wire::kIpv6SrcAddr));
-        auto field = [&r](uint32_t id) { return text(r[netflow(id)]); };
-        if (r["event_type"] == "flow")
-            flows.insert(field(v6 ? wire::kIpv6SrcAddr : wire::kIpv4SrcAddr) + ":" +
-                         field(wire::kL4SrcPort) + " > " +
-                         field(v6 ? wire::kIpv6DstAddr : wire::kIpv4DstAddr) + ":" +
-                         field(wire::kL4DstPort) + " = " + field(wire::kInPkts) + "/" +
-                         field(wire::kInBytes) + " " + field(wire::kOutPkts) + "/" +
-                         field(wire::kOutBytes));
+        std::string flow;
+        for (uint32_t id : {v6 ? wire::kIpv6SrcAddr : wire::kIpv4SrcAddr, wire::kL4SrcPort,
+                            v6 ? wire::kIpv6DstAddr : wire::kIpv4DstAddr, wire::kL4DstPort,
+                            wire::kInPkts, wire::kInBytes, wire::kOutPkts, wire::kOutBytes})
+            flow += text(r.value(netflow(id), Json(0))) + " ";
+        if (r["event_type"] == "flow") flows.insert(flow);
     }
     return flows;
 }

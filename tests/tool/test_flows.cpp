@@ -223,6 +223,14 @@ TEST_F(FlowsTool, ExitStatusesTellWhatWentWrong) {
     tool.write("garbage.pcap", "this is not a capture file at all");
     tool.write("header_only.pcap", std::string("\xd4\xc3\xb2\xa1\x02\x00", 6));
     tool.write("bad.key", "not a key");
+    tool.write("good.rules",
+               "; comment\n[filter]\nTLS = discard\nHTTP.SSH = user_1\n[shunt]\n"
+               "default = 0\nudp=5\n[global]\ndefault = forward\ndpi_min_num_udp_packets = 3\n");
+    tool.write("bad.rules",
+               "HTTP = discard\n[filter]\nHTTPS = discard\nTLS = drop\nHTTP.Nothing = forward\n"
+               "[shunt]\nDNS = many\nTLS = 300\n[global]\ncolour = blue\n[firewall]\n");
+    tool.write("bad.protocols", "CorpApp tcp:8443\nBroken tcp:99999\n");
+    tool.write("bad.categories", "NoSuchCategory host:a.example\n");
     const std::string z85_no_key(40, '~');
     const std::tuple<const char *, int, const char *> cases[] = {
         {"keygen -o k", 0, ""},  // the key of the collector's rows
@@ -238,6 +246,22 @@ TEST_F(FlowsTool, ExitStatusesTellWhatWentWrong) {
         {"flows -r GOOD --no-dpi --protocols GOOD", 64, "excludes"},
         {"flows -r GOOD --no-dpi --categories GOOD", 64, "excludes"},
         {"flows -r GOOD --no-dpi --extra-dissection", 64, "excludes"},
+        {"flows -r GOOD --rules good.rules", 0, ""},
+        {"flows -r GOOD --rules none.rules", 66, "cannot open the rules file"},
+        {"flows -r GOOD --rules bad.rules", 65, "bad.rules:1: a rule before any [section]"},
+        {"flows -r GOOD --rules bad.rules", 65, "bad.rules:3: unknown protocol 'HTTPS'"},
+        {"flows -r GOOD --rules bad.rules", 65, "bad.rules:4: 'drop' is not an action"},
+        {"flows -r GOOD --rules bad.rules", 65, "bad.rules:5: unknown protocol 'HTTP.Nothing'"},
+        {"flows -r GOOD --rules bad.rules", 65, "bad.rules:7: 'many' is not a packet count"},
+        {"flows -r GOOD --rules bad.rules", 65, "bad.rules:8: '300' is not a packet count"},
+        {"flows -r GOOD --rules bad.rules", 65, "bad.rules:10: unknown setting 'colour'"},
+        {"flows -r GOOD --rules bad.rules", 65, "bad.rules:11: unknown section [firewall]"},
+        {"flows -r GOOD --rules bad.rules", 65, "the rules file has 8 bad lines"},
+        {"flows -r GOOD --protocols bad.protocols", 65, "bad.protocols:2: bad port"},
+        {"flows -r GOOD --protocols bad.protocols", 65, "'bad.protocols' was refused"},
+        {"flows -r GOOD --protocols none.txt", 66, "cannot open 'none.txt'"},
+        {"flows -r GOOD --categories bad.categories", 65, "bad.categories:1: unknown category"},
+        {"flows -r GOOD --categories bad.categories", 65, "'bad.categories' was refused"},
         {"flows -r nothing.pcap", 66, "No such file"},
         {"flows -r GOOD -r none", 66, "none"},
         {"flows -r .", 66, "directory"},
