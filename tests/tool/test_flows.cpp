@@ -244,7 +244,6 @@ TEST_F(FlowsTool, ExitStatusesTellWhatWentWrong) {
                "[shunt]\nDNS = many\nTLS = 300\n[global]\ncolour = blue\n[firewall]\n");
     tool.write("bad.protocols", "CorpApp tcp:8443\nBroken tcp:99999\n");
     tool.write("bad.categories", "NoSuchCategory host:a.example\n");
-    const std::string z85_no_key(40, '~');
     const std::tuple<const char *, int, const char *> cases[] = {
         {"keygen -o k", 0, ""},  // the key of the collector's rows
         {"keygen -o no/k", 73, "no/k"},
@@ -302,7 +301,7 @@ TEST_F(FlowsTool, ExitStatusesTellWhatWentWrong) {
     for (const auto &[line, exit_code, message] : cases) {
         const ToolResult r = tool.run(tool.words(line, {{"GOOD", tool.path("good.pcap")},
                                                         {"ANY", "tcp://127.0.0.1:*"},
-                                                        {"NOKEY", z85_no_key}}));
+                                                        {"NOKEY", std::string(40, '~')}}));
         EXPECT_EQ(r.exit_code, exit_code) << line << "\n" << r.err;
         EXPECT_THAT(r.err, HasSubstr(message)) << line;
         EXPECT_TRUE(exit_code != 64 || r.out.empty()) << line << ": written after a refusal";

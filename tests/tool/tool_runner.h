@@ -88,9 +88,8 @@ class ToolRunner {
     bool wait_for(const std::string &name, const std::string &text) const {
         return eventually([&] { return read(name).find(text) != std::string::npos; });
     }
-    std::string write(const std::string &name, const std::string &text) const {
+    void write(const std::string &name, const std::string &text) const {
         std::ofstream(path(name)) << text;
-        return path(name);
     }
     // A command line as words; a word of `names` stands for its value.
     std::vector<std::string> words(const std::string &line,
