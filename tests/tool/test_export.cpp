@@ -208,9 +208,9 @@ TEST(Export, CollectorReadsReportsAndCountsEveryMessage) {
     const std::string tlv = std::string("\x01\x11\x3a\x00\x13\x08\x08", 7) + "10.0.0.1" +
                             std::string("\x12\x02\x03\x23\x09", 5) + "47521.118" +
                             std::string("\x03", 1) + "7.7" + std::string("\x11\xe7\x07\x01", 4);
-    // Bytes that are not UTF-8 come escaped, are read as bytes and written escaped again.
-    const std::string bytes =
-        "[{\"8\":\"caf\xc3\xa9 \\u00e9 \\u00c0\\u00af \\ud83d\\ude00 \\\\u00e9\"},{\"7\":1}]";
+    const std::string bytes =  // bytes that are not UTF-8 come escaped, and are written so again
+        R"([{"8":"café \u00e9 \u00c0\u00af \u00ed\u00a0\u0080 \u00c3 \ud83d\ude00)"
+        R"( \\u00e9 \" \t"},{"7":1}])";
     const uint16_t j = uint16_t(json.size()), t = uint16_t(tlv.size());
     const std::vector<std::string> messages[] = {
         {header("flow", 2, j, 5), json},  // a collector that joined late: five lost before
