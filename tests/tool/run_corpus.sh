@@ -16,9 +16,7 @@ for capture in "$folder"/*; do
     status=$?
     [[ $status -eq 65 ]] && damaged=$((damaged + 1))
     if [[ $status -ne 0 && $status -ne 65 ]] || grep -q -e 'Sanitizer' -e 'runtime error' <<<"$report"; then
-        failures=$((failures + 1))
-        echo "FAILED (exit $status): $capture"
-        head -n 30 <<<"$report"
+        failures=$((failures + 1)); echo "FAILED (exit $status): $capture"; head -n 30 <<<"$report"
     fi
 done
 echo "$total captures: $((total - damaged)) read, $damaged refused as damaged or unsupported, $failures failed"

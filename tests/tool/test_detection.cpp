@@ -1,5 +1,5 @@
-// Detection in `quelm flows` on real captures, beyond the bundled sample's baselines, and the
-// limit of the JSON text of the records.
+// Detection on real captures, beyond the bundled sample's baselines, and the record writer's
+// limits.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -10,6 +10,7 @@ namespace quelm_test {
 namespace {
 
 using ::testing::HasSubstr;
+using namespace quelm_tool;  // the record writer's pieces
 
 const std::string kCorpus = QUELM_CORPUS_DIR "/tcpdump/";
 
@@ -43,12 +44,13 @@ TEST(DetectionCorpus, RealCapturesGetTheProtocolsAnAnalystWouldName) {
     }
 }
 
-// A limit cuts the text, never a UTF-8 sequence in two (the rest of the escaping: test_export).
-TEST(JsonText, LimitKeepsTheTextValid) {
+// A limit cuts the text, never a UTF-8 sequence in two (the rest of the escaping: test_export);
+// DNS codes without a mnemonic are written by number.
+TEST(FlowWriter, LimitsAndFallbacks) {
     char out[16];
-    EXPECT_EQ(std::string(out, quelm_tool::format_json_string("abcdef", out, 3)), "\"abc\"");
-    EXPECT_EQ(std::string(out, quelm_tool::format_json_string("caf\xc3\xa9", out, 4)),
-              "\"caf\\u00c3\"");
+    EXPECT_EQ(std::string(out, format_json_string("abcdef", out, 3)), "\"abc\"");
+    EXPECT_EQ(std::string(out, format_json_string("caf\xc3\xa9", out, 4)), "\"caf\\u00c3\"");
+    EXPECT_EQ(dns_type_name(65280) + dns_rcode_name(11), "TYPE65280RCODE11");
 }
 
 }  // namespace
