@@ -10,6 +10,8 @@
 #include <fstream>
 #include <map>
 
+#include "quelm_wire.h"
+
 #include "exit_codes.h"
 #include "flow_writer.h"
 #include "stop_signals.h"
@@ -18,57 +20,26 @@
 namespace quelm_tool {
 namespace {
 
-constexpr size_t kHeaderLen = 24;
-constexpr uint8_t kVersionJson = 2, kVersionTlv = 3;
+namespace wire = quelm::wire;
+
 constexpr int kPollMs = 200;
 constexpr int kReceiveHighWater = 100000;  // messages held before the socket drops
 constexpr uint64_t kReportedMalformed = 100;
 
-const std::map<std::string, const char *> kFlowFieldNames = {
-    {"58", "src_vlan"},        {"56", "in_src_mac"},
-    {"80", "in_dst_mac"},      {"60", "ip_protocol_version"},
-    {"8", "ipv4_src_addr"},    {"27", "ipv6_src_addr"},
-    {"12", "ipv4_dst_addr"},   {"28", "ipv6_dst_addr"},
-    {"2", "in_pkts"},          {"1", "in_bytes"},
-    {"24", "out_pkts"},        {"23", "out_bytes"},
-    {"22", "first_switched"},  {"21", "last_switched"},
-    {"7", "l4_src_port"},      {"11", "l4_dst_port"},
-    {"6", "tcp_flags"},        {"4", "protocol"},
-    {"5", "src_tos"},          {"10", "input_snmp"},
-    {"14", "output_snmp"},     {"300", "port_id"},  // the capture layer's source (port) identifier
-    {"47521.118", "l7_proto"},
-};
-
-JsonValue number_value(uint64_t n) {
-    JsonValue v;
-    v.type = JsonValue::Type::kNumber;
-    v.text = std::to_string(n);
-    return v;
-}
-
-JsonValue string_value(std::string s) {
-    JsonValue v;
-    v.type = JsonValue::Type::kString;
-    v.text = std::move(s);
-    return v;
-}
-
 // A TLV batch into records; false with a message when the batch is malformed.
-bool decode_tlv(const std::string &payload, std::vector<JsonValue> *records, std::string *problem) {
+bool decode_tlv(const std::string &payload, std::vector<Record> *records, std::string *problem) {
     pelda_tlv_reader reader;
     if (pelda_tlv_reader_init(&reader, payload.data(), uint32_t(payload.size())) != 0) {
         *problem = "the payload is not a TLV batch of a known version";
         return false;
     }
-    records->assign(1, JsonValue());
-    records->back().type = JsonValue::Type::kObject;
-    std::vector<JsonValue *> open = {&records->back()};  // the record, then its open blocks
+    records->assign(1, Record::object());
+    std::vector<Record *> open = {&records->back()};  // the record, then its open blocks
     pelda_tlv_element e;
     int rc;
     while ((rc = pelda_tlv_reader_next(&reader, &e)) == 1) {
         if (e.kind == PELDA_TLV_END_OF_RECORD) {
-            records->emplace_back();
-            records->back().type = JsonValue::Type::kObject;
+            records->push_back(Record::object());
             open.assign(1, &records->back());
             continue;
         }
@@ -80,17 +51,15 @@ bool decode_tlv(const std::string &payload, std::vector<JsonValue> *records, std
                           : e.key_kind == PELDA_TLV_KEY_TEXT
                               ? std::string(e.key_text, e.key_text_len)
                               : std::string();
-        JsonValue value;
+        Record &value = (*open.back())[key];
         if (e.kind == PELDA_TLV_STRING) {
-            value = string_value(std::string(e.string, e.string_len));
+            value = std::string(e.string, e.string_len);
         } else if (e.kind == PELDA_TLV_UINT32 || e.kind == PELDA_TLV_UINT64) {
-            value = number_value(e.number);
+            value = uint64_t(e.number);
         } else {  // start of block
-            value.type = JsonValue::Type::kObject;
+            value = Record::object();
+            open.push_back(&value);
         }
-        JsonValue *parent = open.back();
-        parent->fields.emplace_back(std::move(key), std::move(value));
-        if (e.kind == PELDA_TLV_START_OF_BLOCK) open.push_back(&parent->fields.back().second);
     }
     if (rc < 0) {
         *problem = "the TLV batch is malformed (truncated, unknown element or bad nesting)";
@@ -99,6 +68,33 @@ bool decode_tlv(const std::string &payload, std::vector<JsonValue> *records, std
     if (open.size() != 1) {
         *problem = "the TLV batch ends inside a block";
         return false;
+    }
+    return true;
+}
+
+// A JSON payload into records: one object, or (flows only) an array of them.
+bool decode_json(const std::string &payload, bool stats, std::vector<Record> *records,
+                 std::string *problem) {
+    Record batch;
+    std::string error;
+    if (!parse_record_json(payload, &batch, &error)) {
+        *problem = "bad JSON: " + error;
+        return false;
+    }
+    if (batch.is_object()) {
+        records->push_back(std::move(batch));
+        return true;
+    }
+    if (!batch.is_array() || stats) {
+        *problem = "the JSON payload is not a record";
+        return false;
+    }
+    for (Record &item : batch) {
+        if (!item.is_object()) {
+            *problem = "a JSON batch holds something other than records";
+            return false;
+        }
+        records->push_back(std::move(item));
     }
     return true;
 }
@@ -116,19 +112,19 @@ std::string builtin_protocol_name(const std::string &ids) {
     return quelm_dpi_get_protocol_name_by_id(engine, &l7, name, sizeof name);
 }
 
-std::string field_text(const JsonValue &record, const char *key) {
-    const JsonValue *v = record.find(key);
-    return v != nullptr ? v->text : "?";
+std::string field_text(const Record &record, const char *key) {
+    const auto v = record.find(key);
+    return v == record.end() ? "?" : v->is_string() ? v->get<std::string>() : v->dump();
 }
 
 // One line of --format text.
-std::string text_line(const JsonValue &named, bool stats) {
+std::string text_line(const Record &named, bool stats) {
     if (stats) {
         std::string json;
-        write_json(named, &json);
+        write_record_json(named, &json);
         return "stats " + json;
     }
-    const bool v6 = named.find("ipv6_src_addr") != nullptr;
+    const bool v6 = named.contains("ipv6_src_addr");
     const std::string src = field_text(named, v6 ? "ipv6_src_addr" : "ipv4_src_addr");
     const std::string dst = field_text(named, v6 ? "ipv6_dst_addr" : "ipv4_dst_addr");
     std::string line = "flow " + src + ":" + field_text(named, "l4_src_port") + " -> " + dst + ":" +
@@ -136,8 +132,7 @@ std::string text_line(const JsonValue &named, bool stats) {
                        field_text(named, "protocol") + " pkts " + field_text(named, "in_pkts") +
                        "/" + field_text(named, "out_pkts") + " bytes " +
                        field_text(named, "in_bytes") + "/" + field_text(named, "out_bytes");
-    const JsonValue *name = named.find("l7_proto_name");
-    line += " " + (name != nullptr ? name->text : field_text(named, "l7_proto"));
+    line += " " + field_text(named, named.contains("l7_proto_name") ? "l7_proto_name" : "l7_proto");
     return line;
 }
 
@@ -182,12 +177,11 @@ class Collector {
                         malformed_ == kReportedMalformed ? " (further ones are only counted)" : "");
             return;
         }
-        for (const JsonValue &record : m.records) {
-            JsonValue out;
+        for (const Record &record : m.records) {
+            Record out;
             if (m.stats) {
-                out.type = JsonValue::Type::kObject;
-                out.fields.emplace_back("event_type", string_value("stats"));
-                out.fields.insert(out.fields.end(), record.fields.begin(), record.fields.end());
+                out["event_type"] = "stats";
+                out.update(record);
                 stats_records_++;
             } else {
                 out = name_flow_fields(record, builtin_protocol_name);
@@ -197,7 +191,7 @@ class Collector {
             if (text_)
                 line = text_line(out, m.stats);
             else
-                write_json(out, &line);
+                write_record_json(out, &line);
             line += '\n';
             sink_.write(line.data(), line.size());
         }
@@ -238,6 +232,43 @@ bool receive_message(const ZmqApi &zmq, void *socket, std::vector<std::string> *
     }
 }
 
+// Binds or connects to every endpoint of the list; `attached` gets them as libzmq names them
+// (tcp://127.0.0.1:41234 for tcp://127.0.0.1:*).
+int attach_endpoints(const ZmqApi &zmq, void *socket, const CollectOptions &o,
+                     std::string *attached) {
+    const std::string list = !o.bind.empty() ? o.bind : o.connect;
+    for (size_t from = 0; from <= list.size();) {
+        const size_t comma = std::min(list.find(',', from), list.size());
+        const std::string endpoint = list.substr(from, comma - from);
+        from = comma + 1;
+        const int rc = !o.bind.empty() ? zmq.bind(socket, endpoint.c_str())
+                                       : zmq.connect(socket, endpoint.c_str());
+        if (rc != 0) {
+            fprintf(stderr, "quelm collect: cannot %s %s: %s\n",
+                    !o.bind.empty() ? "listen on" : "connect to", endpoint.c_str(),
+                    zmq.strerror(zmq.errno_value()));
+            return kExitNoInput;
+        }
+        char name[1024];
+        size_t len = sizeof name;
+        if (!attached->empty()) *attached += ',';
+        *attached += zmq.getsockopt(socket, ZMQ_LAST_ENDPOINT, name, &len) == 0 ? name : endpoint;
+    }
+    return kExitOk;
+}
+
+void receive_until_stopped(const ZmqApi &zmq, void *socket, OutputSink &sink, bool text) {
+    Collector collector(zmq, sink, text);
+    std::vector<std::string> parts;
+    zmq_pollitem_t item = {socket, 0, ZMQ_POLLIN, 0};
+    while (!stop_requested() && !sink.failed()) {
+        if (zmq.poll(&item, 1, kPollMs) <= 0) continue;  // timeout, or a signal (EINTR)
+        while (!stop_requested() && receive_message(zmq, socket, &parts))
+            collector.handle(parts);
+    }
+    collector.summary();
+}
+
 }  // namespace
 
 // ---- Decoding --------------------------------------------------------------------------------
@@ -266,9 +297,9 @@ uint32_t CounterTracker::see(uint32_t counter) {
 DecodedMessage decode_message(const std::vector<std::string> &parts) {
     DecodedMessage m;
     // The counter first: a message that is malformed otherwise still tells what was sent.
-    if (!parts.empty() && parts[0].size() == kHeaderLen) {
+    if (!parts.empty() && parts[0].size() == wire::kHeaderLen) {
         uint32_t counter_be;
-        std::memcpy(&counter_be, parts[0].data() + 20, 4);
+        std::memcpy(&counter_be, parts[0].data() + wire::kCounterAt, 4);
         m.counter = ntohl(counter_be);
         m.counter_known = true;
     }
@@ -277,57 +308,41 @@ DecodedMessage decode_message(const std::vector<std::string> &parts) {
         return m;
     }
     const std::string &header = parts[0], &payload = parts[1];
-    if (header.size() != kHeaderLen) {
-        m.problem = "a header of " + std::to_string(header.size()) + " bytes instead of 24";
+    if (header.size() != wire::kHeaderLen) {
+        m.problem = "a header of " + std::to_string(header.size()) + " bytes instead of " +
+                    std::to_string(wire::kHeaderLen);
         return m;
     }
-    const std::string topic(header.data(), strnlen(header.data(), 16));
-    if (header.find_first_not_of('\0', topic.size()) < 16) {
+    const std::string topic(header.data(), strnlen(header.data(), wire::kTopicLen));
+    if (header.find_first_not_of('\0', topic.size()) < wire::kTopicLen) {
         m.problem = "the topic is not zero-padded";
         return m;
     }
-    if (topic != "flow" && topic != "event") {
+    if (topic != wire::kTopicFlow && topic != wire::kTopicEvent) {
         m.problem = "unknown topic '" + topic + "'";
         return m;
     }
-    m.stats = topic == "event";
+    m.stats = topic == wire::kTopicEvent;
     // The size is in the exporter's byte order: either order must match the part's length.
     uint16_t size;
-    std::memcpy(&size, header.data() + 18, 2);
+    std::memcpy(&size, header.data() + wire::kSizeAt, 2);
     if (size != payload.size() && ntohs(size) != payload.size()) {
         m.problem = "the header's size " + std::to_string(size) + " is not the payload's " +
                     std::to_string(payload.size()) + " bytes";
         return m;
     }
-    const uint8_t version = uint8_t(header[16]);
+    const uint8_t version = uint8_t(header[wire::kVersionAt]);
     const bool looks_json = !payload.empty() && (payload[0] == '{' || payload[0] == '[');
-    if (version == kVersionJson) {
+    if (version == wire::kVersionJson) {
         if (!looks_json) {
             m.problem = "the version byte says JSON, the payload is not";
             return m;
         }
-        JsonValue batch;
-        std::string error;
-        if (!parse_json(payload.data(), payload.size(), &batch, &error)) {
-            m.problem = "bad JSON: " + error;
+        if (!decode_json(payload, m.stats, &m.records, &m.problem)) {
+            m.records.clear();
             return m;
         }
-        if (batch.type == JsonValue::Type::kObject) {
-            m.records.push_back(std::move(batch));
-        } else if (batch.type == JsonValue::Type::kArray && !m.stats) {
-            for (JsonValue &item : batch.items) {
-                if (item.type != JsonValue::Type::kObject) {
-                    m.problem = "a JSON batch holds something other than records";
-                    m.records.clear();
-                    return m;
-                }
-                m.records.push_back(std::move(item));
-            }
-        } else {
-            m.problem = "the JSON payload is not a record";
-            return m;
-        }
-    } else if (version == kVersionTlv) {
+    } else if (version == wire::kVersionTlv) {
         if (m.stats) {
             m.problem = "a statistics record must be JSON (version 2)";
             return m;
@@ -348,17 +363,16 @@ DecodedMessage decode_message(const std::vector<std::string> &parts) {
     return m;
 }
 
-JsonValue name_flow_fields(const JsonValue &record,
-                           std::string (*protocol_name)(const std::string &ids)) {
-    JsonValue out;
-    out.type = JsonValue::Type::kObject;
-    out.fields.emplace_back("event_type", string_value("flow"));
-    for (const auto &[key, value] : record.fields) {
-        const auto it = kFlowFieldNames.find(key);
-        out.fields.emplace_back(it != kFlowFieldNames.end() ? it->second : "field_" + key, value);
-        if (it != kFlowFieldNames.end() && key == "47521.118" && protocol_name != nullptr) {
-            const std::string name = protocol_name(value.text);
-            if (!name.empty()) out.fields.emplace_back("l7_proto_name", string_value(name));
+Record name_flow_fields(const Record &record,
+                        std::string (*protocol_name)(const std::string &ids)) {
+    Record out = {{"event_type", "flow"}};
+    for (auto it = record.begin(); it != record.end(); ++it) {
+        const std::string &key = it.key();
+        const wire::Field *field = wire::find_field(key.c_str());
+        out[field != nullptr ? field->netflow : "field_" + key] = it.value();
+        if (key == wire::kL7ProtoKey && protocol_name != nullptr && it->is_string()) {
+            const std::string name = protocol_name(it->get<std::string>());
+            if (!name.empty()) out["l7_proto_name"] = name;
         }
     }
     return out;
@@ -452,36 +466,17 @@ int run_collect(const CollectOptions &o) {
     secret.assign(secret.size(), '\0');
     zmq->setsockopt(socket, ZMQ_LINGER, &linger, sizeof linger);
     zmq->setsockopt(socket, ZMQ_RCVHWM, &high_water, sizeof high_water);
-    zmq->setsockopt(socket, ZMQ_SUBSCRIBE, "flow", 4);
-    zmq->setsockopt(socket, ZMQ_SUBSCRIBE, "event", 5);
-    std::string list = endpoints;
-    for (size_t from = 0; exit_code == kExitOk && from <= list.size();) {
-        const size_t comma = std::min(list.find(',', from), list.size());
-        const std::string endpoint = list.substr(from, comma - from);
-        from = comma + 1;
-        const int rc = !o.bind.empty() ? zmq->bind(socket, endpoint.c_str())
-                                       : zmq->connect(socket, endpoint.c_str());
-        if (rc != 0) {
-            fprintf(stderr, "quelm collect: cannot %s %s: %s\n",
-                    !o.bind.empty() ? "listen on" : "connect to", endpoint.c_str(),
-                    zmq->strerror(zmq->errno_value()));
-            exit_code = kExitNoInput;
-        }
-    }
+    zmq->setsockopt(socket, ZMQ_SUBSCRIBE, wire::kTopicFlow, strlen(wire::kTopicFlow));
+    zmq->setsockopt(socket, ZMQ_SUBSCRIBE, wire::kTopicEvent, strlen(wire::kTopicEvent));
+    std::string attached;
+    if (exit_code == kExitOk) exit_code = attach_endpoints(*zmq, socket, o, &attached);
 
     if (exit_code == kExitOk) {
         install_stop_handlers();
+        // The endpoints as bound: a port given as * shows the one the system chose.
         fprintf(stderr, "quelm collect: %s %s; Ctrl-C ends\n",
-                !o.bind.empty() ? "listening on" : "connected to", endpoints);
-        Collector collector(*zmq, sink, o.text);
-        std::vector<std::string> parts;
-        zmq_pollitem_t item = {socket, 0, ZMQ_POLLIN, 0};
-        while (!stop_requested() && !sink.failed()) {
-            if (zmq->poll(&item, 1, kPollMs) <= 0) continue;  // timeout, or a signal (EINTR)
-            while (!stop_requested() && receive_message(*zmq, socket, &parts))
-                collector.handle(parts);
-        }
-        collector.summary();
+                !o.bind.empty() ? "listening on" : "connected to", attached.c_str());
+        receive_until_stopped(*zmq, socket, sink, o.text);
         if (!sink.close()) {
             fprintf(stderr, "quelm collect: cannot write to %s: %s\n", sink.name().c_str(),
                     std::strerror(sink.error_number()));

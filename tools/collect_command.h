@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "json_value.h"
+#include "record_json.h"
 
 namespace quelm_tool {
 
@@ -30,10 +30,10 @@ int run_collect(const CollectOptions &options);
 struct DecodedMessage {
     bool ok = false;
     std::string problem;
-    bool stats = false;              // topic "event": statistics records
-    uint32_t counter = 0;            // the exporter's message counter
-    bool counter_known = false;      // the header was long enough to hold it
-    std::vector<JsonValue> records;  // objects, keys as received ("8", "47521.118", ...)
+    bool stats = false;           // topic "event": statistics records
+    uint32_t counter = 0;         // the exporter's message counter
+    bool counter_known = false;   // the header was long enough to hold it
+    std::vector<Record> records;  // objects, keys as received ("8", "47521.118", ...)
 };
 
 // Checks a two-part message (24-byte header, payload) and decodes its payload.
@@ -41,8 +41,7 @@ DecodedMessage decode_message(const std::vector<std::string> &parts);
 
 // A flow record with the NetFlow names of its keys, in lower case ("ipv4_src_addr"), plus
 // "l7_proto" ("7.91") and its name when `protocol_name` knows it; event_type "flow" first.
-JsonValue name_flow_fields(const JsonValue &record,
-                           std::string (*protocol_name)(const std::string &ids));
+Record name_flow_fields(const Record &record, std::string (*protocol_name)(const std::string &ids));
 
 // Message counters, which start at 0: gaps are losses (so is a first counter above 0); a counter
 // that goes back is an exporter that restarted.

@@ -125,8 +125,21 @@ void add_engine_file_options(CLI::App &command, DetectionOptions &o, const char 
         ->group(group);
 }
 
+constexpr const char *kDetectionGroup = "Detection (on by default)";
+
+CLI::Option *packet_limit_option(CLI::App &command, const char *name, uint32_t &value,
+                                 const char *protocol, int library_default) {
+    const std::string help = std::string("Give up detecting a ") + protocol +
+                             " flow after N packets (library default " +
+                             std::to_string(library_default) + ")";
+    return command.add_option(name, value, help)
+        ->type_name("N")
+        ->check(CLI::Range(1u, 65535u).description(""))
+        ->group(kDetectionGroup);
+}
+
 void add_detection_options(CLI::App &command, DetectionOptions &o) {
-    const char *group = "Detection (on by default)";
+    const char *group = kDetectionGroup;
     CLI::Option *no_dpi =
         command
             .add_flag_callback(
@@ -142,20 +155,8 @@ void add_detection_options(CLI::App &command, DetectionOptions &o) {
             ->type_name("FILE")
             ->group(group);
     add_engine_file_options(command, o, group);
-    CLI::Option *tcp =
-        command
-            .add_option("--dpi-tcp-packets", o.tcp_packets,
-                        "Give up detecting a TCP flow after N packets (library default 12)")
-            ->type_name("N")
-            ->check(CLI::Range(1u, 65535u).description(""))
-            ->group(group);
-    CLI::Option *udp =
-        command
-            .add_option("--dpi-udp-packets", o.udp_packets,
-                        "Give up detecting a UDP flow after N packets (library default 5)")
-            ->type_name("N")
-            ->check(CLI::Range(1u, 65535u).description(""))
-            ->group(group);
+    CLI::Option *tcp = packet_limit_option(command, "--dpi-tcp-packets", o.tcp_packets, "TCP", 12);
+    CLI::Option *udp = packet_limit_option(command, "--dpi-udp-packets", o.udp_packets, "UDP", 5);
     CLI::Option *extra =
         command
             .add_flag("--extra-dissection", o.extra_dissection,

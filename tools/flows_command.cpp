@@ -155,6 +155,83 @@ bool filter_expression(const FlowsOptions &o, std::string *expression, int *exit
     return true;
 }
 
+// The flow table as the options ask; null with the exit status when it cannot be made.
+quelm_table *open_table(const FlowsOptions &o, int *exit_code) {
+    const uint32_t flags =
+        (o.ignore_vlan ? QUELM_FLAG_IGNORE_VLAN : 0) | (o.mac_in_key ? QUELM_FLAG_MAC_IN_KEY : 0) |
+        (o.tunnels ? QUELM_FLAG_TUNNEL_DECODING : 0) | detection_flags(o.detection);
+    quelm_table *table = quelm_create_table(flags, o.max_flows, o.idle, o.lifetime, 0);
+    if (table == nullptr) {
+        if (!o.detection.enabled) {
+            complain("not enough memory for a table of %u flows; lower --max-flows", o.max_flows);
+            *exit_code = kExitNoMemory;
+            return nullptr;
+        }
+        std::string error;
+        *exit_code = explain_failed_table("quelm flows", &error);
+        fprintf(stderr, "%s\n", error.c_str());
+        return nullptr;
+    }
+    // The rules file's settings come before the command line's, which win.
+    *exit_code = configure_detection(table, o.detection, "quelm flows");
+    if (*exit_code != kExitOk) {
+        quelm_destroy_table(table);
+        return nullptr;
+    }
+    quelm_flow_set_flow_slicing(table, o.slice);
+    if (o.default_action != QUELM_ACTION_DEFAULT || o.detection.rules.empty())
+        quelm_set_default_action(table, quelm_action(o.default_action));
+    return table;
+}
+
+// Reads one capture file or interface into the table; false when the rest should not be read
+// (a filter that does not compile).
+bool read_input(const std::string &input, bool live, const std::string &filter, Loop &loop,
+                RunSummary &summary, int *exit_code) {
+    std::string error;
+    int open_code = kExitOk;
+    std::unique_ptr<PacketSource> source = live
+                                               ? PacketSource::open_live(input, &error, &open_code)
+                                               : PacketSource::open_file(input, &error, &open_code);
+    if (source == nullptr) {
+        loop.progress.clear();
+        complain("%s", error.c_str());
+        *exit_code = worse_exit(*exit_code, open_code);
+        return true;
+    }
+    if (!LinkAdapter::supports(source->link_type())) {
+        loop.progress.clear();
+        complain(
+            "%s: %s is not supported; quelm reads Ethernet, Linux cooked (SLL, SLL2), "
+            "raw IP and BSD loopback captures",
+            source->name().c_str(), LinkAdapter::describe(source->link_type()).c_str());
+        *exit_code = worse_exit(*exit_code, kExitDataError);
+        return true;
+    }
+    if (!filter.empty() && !source->set_filter(filter, &error)) {
+        loop.progress.clear();
+        complain("%s", error.c_str());
+        *exit_code = worse_exit(*exit_code, kExitUsage);
+        return false;
+    }
+    if (live)
+        fprintf(stderr, "quelm flows: capturing on %s, %s\n", source->name().c_str(),
+                LinkAdapter::describe(source->link_type()).c_str());
+    LinkAdapter adapter(source->link_type());
+    loop.run.adapter = &adapter;
+    set_active_capture(source->handle());
+    const int read_code = live ? capture_live(*source, loop) : read_file(*source, loop);
+    set_active_capture(nullptr);
+    loop.run.adapter = nullptr;
+    *exit_code = worse_exit(*exit_code, read_code);
+    pcap_stat ps;
+    if (live && pcap_stats(source->handle(), &ps) == 0) {
+        summary.kernel_drops = ps.ps_drop;
+        summary.interface_drops = ps.ps_ifdrop;
+    }
+    return true;
+}
+
 }  // namespace
 
 // ---- Command line ----------------------------------------------------------------------------
@@ -195,8 +272,19 @@ void add_input_options(CLI::App &command, FlowsOptions &o) {
         ->group(group);
 }
 
+constexpr const char *kTableGroup = "Flow table";
+
+// A time limit of the flow table, shown with its default.
+CLI::Option *seconds_option(CLI::App &command, const char *name, uint32_t &value,
+                            const char *help) {
+    return command.add_option(name, value, help)
+        ->type_name("SECONDS")
+        ->capture_default_str()
+        ->group(kTableGroup);
+}
+
 void add_table_options(CLI::App &command, FlowsOptions &o) {
-    const char *group = "Flow table";
+    const char *group = kTableGroup;
     command
         .add_option("--max-flows", o.max_flows,
                     "Size of the flow table: room for twice this many IPv4 flows and as many IPv6 "
@@ -205,28 +293,16 @@ void add_table_options(CLI::App &command, FlowsOptions &o) {
         ->capture_default_str()
         ->check(CLI::Range(1u, kMaxTableFlows).description(""))
         ->group(group);
-    command
-        .add_option("--idle", o.idle,
-                    "End a flow after more than SECONDS without a packet in either direction")
-        ->type_name("SECONDS")
-        ->capture_default_str()
-        ->check(CLI::Range(1u, UINT32_MAX).description(""))
-        ->group(group);
-    command
-        .add_option("--lifetime", o.lifetime,
-                    "End a flow that has lasted more than SECONDS when its next packet arrives; "
-                    "that packet starts a new flow")
-        ->type_name("SECONDS")
-        ->capture_default_str()
-        ->check(CLI::Range(1u, UINT32_MAX).description(""))
-        ->group(group);
-    command
-        .add_option("--slice", o.slice,
-                    "Also write a partial record (reason \"slice\") of every flow still going on "
-                    "every SECONDS, counting the packets since the previous one; 0 turns it off")
-        ->type_name("SECONDS")
-        ->capture_default_str()
-        ->group(group);
+    seconds_option(command, "--idle", o.idle,
+                   "End a flow after more than SECONDS without a packet in either direction")
+        ->check(CLI::Range(1u, UINT32_MAX).description(""));
+    seconds_option(command, "--lifetime", o.lifetime,
+                   "End a flow that has lasted more than SECONDS when its next packet arrives; "
+                   "that packet starts a new flow")
+        ->check(CLI::Range(1u, UINT32_MAX).description(""));
+    seconds_option(command, "--slice", o.slice,
+                   "Also write a partial record (reason \"slice\") of every flow still going on "
+                   "every SECONDS, counting the packets since the previous one; 0 turns it off");
     command.add_flag("--ignore-vlan", o.ignore_vlan, "Merge flows that differ only in VLAN id")
         ->group(group);
     command
@@ -327,28 +403,8 @@ int run_flows(const FlowsOptions &o) {
         complain("%s", error.c_str());
         return kExitOutputError;
     }
-    const uint32_t flags =
-        (o.ignore_vlan ? QUELM_FLAG_IGNORE_VLAN : 0) | (o.mac_in_key ? QUELM_FLAG_MAC_IN_KEY : 0) |
-        (o.tunnels ? QUELM_FLAG_TUNNEL_DECODING : 0) | detection_flags(o.detection);
-    quelm_table *table = quelm_create_table(flags, o.max_flows, o.idle, o.lifetime, 0);
-    if (table == nullptr) {
-        if (!o.detection.enabled) {
-            complain("not enough memory for a table of %u flows; lower --max-flows", o.max_flows);
-            return kExitNoMemory;
-        }
-        const int code = explain_failed_table("quelm flows", &error);
-        fprintf(stderr, "%s\n", error.c_str());
-        return code;
-    }
-    // The rules file's settings come before the command line's, which win.
-    const int configured = configure_detection(table, o.detection, "quelm flows");
-    if (configured != kExitOk) {
-        quelm_destroy_table(table);
-        return configured;
-    }
-    quelm_flow_set_flow_slicing(table, o.slice);
-    if (o.default_action != QUELM_ACTION_DEFAULT || o.detection.rules.empty())
-        quelm_set_default_action(table, quelm_action(o.default_action));
+    quelm_table *table = open_table(o, &exit_code);
+    if (table == nullptr) return exit_code;
     ExportSession exporter;
     if (exporting) {
         const int started =
@@ -377,47 +433,7 @@ int run_flows(const FlowsOptions &o) {
     const std::vector<std::string> inputs = live ? std::vector<std::string>{o.interface} : o.files;
     for (const std::string &input : inputs) {
         if (loop.should_stop()) break;
-        int open_code = kExitOk;
-        std::unique_ptr<PacketSource> source =
-            live ? PacketSource::open_live(input, &error, &open_code)
-                 : PacketSource::open_file(input, &error, &open_code);
-        if (source == nullptr) {
-            progress.clear();
-            complain("%s", error.c_str());
-            exit_code = worse_exit(exit_code, open_code);
-            continue;
-        }
-        if (!LinkAdapter::supports(source->link_type())) {
-            progress.clear();
-            complain(
-                "%s: %s is not supported; quelm reads Ethernet, Linux cooked (SLL, SLL2), "
-                "raw IP and BSD loopback captures",
-                source->name().c_str(), LinkAdapter::describe(source->link_type()).c_str());
-            exit_code = worse_exit(exit_code, kExitDataError);
-            continue;
-        }
-        if (!filter.empty() && !source->set_filter(filter, &error)) {
-            progress.clear();
-            complain("%s", error.c_str());
-            exit_code = worse_exit(exit_code, kExitUsage);
-            break;
-        }
-        if (live)
-            fprintf(stderr, "quelm flows: capturing on %s, %s\n", source->name().c_str(),
-                    LinkAdapter::describe(source->link_type()).c_str());
-        LinkAdapter adapter(source->link_type());
-        run.adapter = &adapter;
-        set_active_capture(source->handle());
-        const int read_code = live ? capture_live(*source, loop) : read_file(*source, loop);
-        set_active_capture(nullptr);
-        exit_code = worse_exit(exit_code, read_code);
-        if (live) {
-            pcap_stat ps;
-            if (pcap_stats(source->handle(), &ps) == 0) {
-                summary.kernel_drops = ps.ps_drop;
-                summary.interface_drops = ps.ps_ifdrop;
-            }
-        }
+        if (!read_input(input, live, filter, loop, summary, &exit_code)) break;
     }
 
     quelm_flush(table);

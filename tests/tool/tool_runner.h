@@ -1,42 +1,77 @@
-// Runs the built quelm binary as a child process, with standard output and error captured in files
-// of a scratch folder that lives as long as the runner.
+// Runs the built quelm binary (or any program) as a child process, with standard output and error
+// in files of a scratch folder that lives as long as the runner.
 #pragma once
 
 #include <fcntl.h>
-#include <spawn.h>
+#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <map>
+#include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
-
-#include "json_lite.h"
-
-extern char **environ;
 
 namespace quelm_test {
 
-struct ToolResult {
-    int exit_code = -1;  // 128 + signal number when the tool was killed
-    std::string out, err;
+using Json = nlohmann::json;
 
-    std::vector<std::string> lines() const {
-        std::vector<std::string> result;
-        std::istringstream in(out);
-        for (std::string line; std::getline(in, line);)
-            result.push_back(line);
-        return result;
+inline std::string read_file(const std::string &path) {
+    std::ostringstream s;
+    s << std::ifstream(path, std::ios::binary).rdbuf();
+    return s.str();
+}
+
+inline std::vector<std::string> split_lines(const std::string &text) {
+    std::vector<std::string> result;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
+        result.push_back(line);
+    return result;
+}
+
+// A value as the tests compare it: strings without their quotes.
+inline std::string text(const Json &v) {
+    return v.is_string() ? std::string(v) : v.dump();
+}
+
+// Every line parsed as JSON: a line that is not valid JSON throws, so parsing also checks it.
+inline std::vector<Json> json_lines(const std::string &text) {
+    std::vector<Json> result;
+    for (const std::string &line : split_lines(text))
+        result.push_back(Json::parse(line));
+    return result;
+}
+
+// Waits for what another process brings about (a line in its output, a file growing), looking
+// every 10 ms; false when it does not come within `seconds`.
+inline bool eventually(const std::function<bool()> &done, double seconds = 20) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    // Every line parsed as JSON (a line that is not valid JSON throws).
-    std::vector<Json> records() const {
-        std::vector<Json> result;
-        for (const std::string &line : lines())
-            result.push_back(Json::parse(line));
-        return result;
-    }
+    return true;
+}
+
+// A whole output against its file in tests/tool/baselines. After a deliberate change of the
+// output, QUELM_UPDATE_BASELINES=1 ctest -R tool rewrites the files; review their diff.
+inline void expect_baseline(const std::string &name, const std::string &text) {
+    const std::string path = QUELM_BASELINES_DIR "/" + name;
+    if (getenv("QUELM_UPDATE_BASELINES") != nullptr) std::ofstream(path) << text;
+    EXPECT_EQ(text, read_file(path)) << "differs from " << path;
+}
+
+struct ToolResult {
+    int exit_code = -1;  // 128 + signal number when the program was killed
+    std::string out, err;
+    std::vector<Json> records() const { return json_lines(out); }
 };
 
 class ToolRunner {
@@ -48,43 +83,55 @@ class ToolRunner {
     ~ToolRunner() { std::filesystem::remove_all(dir_); }
 
     std::string path(const std::string &name) const { return dir_ + "/" + name; }
+    std::string read(const std::string &name) const { return read_file(path(name)); }
+    // Waits until the file `name` of the folder holds `text`.
+    bool wait_for(const std::string &name, const std::string &text) const {
+        return eventually([&] { return read(name).find(text) != std::string::npos; });
+    }
+    void write(const std::string &name, const std::string &text) const {
+        std::ofstream(path(name)) << text;
+    }
+    // A command line as words; a word of `names` stands for its value.
+    std::vector<std::string> words(const std::string &line,
+                                   const std::map<std::string, std::string> &names = {}) const {
+        std::vector<std::string> result;
+        std::istringstream in(line);
+        for (std::string w; in >> w;)
+            result.push_back(names.count(w) != 0 ? names.at(w) : w);
+        return result;
+    }
 
-    // Starts the tool (or, with `wrapper`, the wrapper followed by the tool) and returns its pid.
+    // Starts a program in the scratch folder (relative names are its files) and returns its pid;
     // `stdout_fd` >= 0 replaces the output file.
-    pid_t start(const std::vector<std::string> &args, const std::string &stdin_path = "/dev/null",
-                int stdout_fd = -1, const std::vector<std::string> &wrapper = {}) const {
-        std::vector<std::string> all = wrapper;
-        all.push_back(QUELM_TOOL_PATH);
-        all.insert(all.end(), args.begin(), args.end());
-        return spawn(all, stdin_path, stdout_fd);
-    }
-
-    // Any program, with the same files for its output.
-    ToolResult run_command(const std::vector<std::string> &argv) const {
-        return finish(spawn(argv, "/dev/null", -1));
-    }
-
-    pid_t spawn(std::vector<std::string> all, const std::string &stdin_path, int stdout_fd) const {
+    pid_t spawn(std::vector<std::string> args, const std::string &stdin_path = "/dev/null",
+                int stdout_fd = -1) const {
         std::vector<char *> argv;
-        for (std::string &a : all)
+        for (std::string &a : args)
             argv.push_back(a.data());
         argv.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 0, stdin_path.c_str(), O_RDONLY, 0);
-        if (stdout_fd >= 0)
-            posix_spawn_file_actions_adddup2(&actions, stdout_fd, 1);
-        else
-            posix_spawn_file_actions_addopen(&actions, 1, path("stdout").c_str(),
-                                             O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        posix_spawn_file_actions_addopen(&actions, 2, path("stderr").c_str(),
-                                         O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        pid_t pid = -1;
-        if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) pid = -1;
-        posix_spawn_file_actions_destroy(&actions);
+        const int in = open(stdin_path.c_str(), O_RDONLY | O_CLOEXEC);
+        const int out = stdout_fd >= 0 ? stdout_fd : open(path("stdout").c_str(), kCreate, 0644);
+        const int err = open(path("stderr").c_str(), kCreate, 0644);
+        const pid_t pid = fork();
+        if (pid == 0) {
+            dup2(in, 0), dup2(out, 1), dup2(err, 2);
+            if (chdir(dir_.c_str()) != 0) _exit(126);
+            execvp(argv[0], argv.data());
+            _exit(127);
+        }
+        close(in), close(err);
+        if (stdout_fd < 0) close(out);
         return pid;
     }
-
+    pid_t start(std::vector<std::string> args, const std::string &stdin_path = "/dev/null",
+                int stdout_fd = -1) const {
+        args.insert(args.begin(), QUELM_TOOL_PATH);
+        return spawn(args, stdin_path, stdout_fd);
+    }
+    ToolResult run(const std::vector<std::string> &args,
+                   const std::string &stdin_path = "/dev/null", int stdout_fd = -1) const {
+        return finish(start(args, stdin_path, stdout_fd));
+    }
     ToolResult finish(pid_t pid) const {
         ToolResult r;
         int status = 0;
@@ -95,19 +142,8 @@ class ToolRunner {
         return r;
     }
 
-    ToolResult run(const std::vector<std::string> &args,
-                   const std::string &stdin_path = "/dev/null", int stdout_fd = -1) const {
-        return finish(start(args, stdin_path, stdout_fd));
-    }
-
-    std::string read(const std::string &name) const {
-        std::ifstream in(path(name), std::ios::binary);
-        std::ostringstream s;
-        s << in.rdbuf();
-        return s.str();
-    }
-
   private:
+    static constexpr int kCreate = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
     std::string dir_;
 };
 
