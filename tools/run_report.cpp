@@ -1,6 +1,7 @@
 #include "run_report.h"
 
 #include <ctime>
+#include <string>
 
 namespace quelm_tool {
 namespace {
@@ -17,6 +18,22 @@ void human(double v, char *out, size_t size) {
         snprintf(out, size, "%.0fk", v / 1e3);
     else
         snprintf(out, size, "%.0f", v);
+}
+
+// Why packets were not decoded, as the library counts them. Later fragments are credited to the
+// flow of their datagram's first fragment when it was seen.
+constexpr const char *kNotDecodedNames[QUELM_NOT_DECODED_REASONS] = {
+    "too long", "truncated", "not IP", "bad header", "later fragments", "nested too deep"};
+
+// "12 not IP, 6 later fragment": the reasons that occurred.
+std::string not_decoded_reasons(const quelm_stats &t) {
+    std::string text;
+    for (int r = 0; r < QUELM_NOT_DECODED_REASONS; r++) {
+        if (t.not_decoded[r] == 0) continue;
+        if (!text.empty()) text += ", ";
+        text += std::to_string(t.not_decoded[r]) + " " + kNotDecodedNames[r];
+    }
+    return text;
 }
 
 }  // namespace
@@ -57,6 +74,10 @@ void print_summary(FILE *out, const RunSummary &s) {
     line("packets", s.packets);
     line("bytes", s.bytes);
     line("not decoded", t.packets_not_decoded);
+    for (int r = 0; r < QUELM_NOT_DECODED_REASONS; r++)
+        if (t.not_decoded[r] != 0)
+            fprintf(out, "  %-18s %llu\n", kNotDecodedNames[r],
+                    (unsigned long long)t.not_decoded[r]);
     line("flows created", t.total_flows);
     fprintf(out, "%-20s %llu (%llu slices)\n", "flows written", (unsigned long long)s.flows_written,
             (unsigned long long)s.slices_written);
@@ -76,6 +97,17 @@ void print_protocol_totals(FILE *out, const std::vector<ProtocolTotals> &totals)
     for (const ProtocolTotals &t : totals)
         fprintf(out, "%-24s %12llu %14llu %16llu\n", t.name.c_str(), (unsigned long long)t.flows,
                 (unsigned long long)t.packets, (unsigned long long)t.bytes);
+}
+
+void warn_losses(const char *command, const quelm_stats &t) {
+    if (t.packets_not_decoded != 0)
+        fprintf(stderr, "%s: warning: %llu packets were not decoded (%s)\n", command,
+                (unsigned long long)t.packets_not_decoded, not_decoded_reasons(t).c_str());
+    const uint64_t refused = t.flows_no_room + t.flows_no_memory;
+    if (refused != 0)
+        fprintf(stderr,
+                "%s: warning: %llu packets found no room for a new flow; raise --max-flows\n",
+                command, (unsigned long long)refused);
 }
 
 }  // namespace quelm_tool

@@ -45,6 +45,8 @@ struct RunSummary {
 };
 
 void print_summary(FILE *out, const RunSummary &s);
+// Warnings at the end of a run for packets that reached no flow and flows that found no room.
+void warn_losses(const char *command, const quelm_stats &t);
 // A table of flows, packets and bytes per application protocol, in the order given.
 void print_protocol_totals(FILE *out, const std::vector<ProtocolTotals> &totals);
 
