@@ -1,39 +1,117 @@
-// A bare table for storage tests: zero-filled like a new table, without engine or exporter, so the
-// flow hash can call back into it (settling, active-flow counter) exactly as in a full table.
+// A table fed with built frames, recording what its callbacks see; and packets decoded by the
+// library's own decoder for the tests that drive the table's flow hash by hand.
 #pragma once
 
-#include <stdlib.h>
-
+#include <deque>
+#include <string>
 #include <vector>
 
+#include "packet_builder.h"
+#include "quelm_decode.h"
 #include "quelm_flow.h"
-#include "quelm_hash.h"
+#include "quelm_fragment_hash.h"
 #include "quelm_table.h"
 
 namespace quelm_test {
 
-struct BareTable {
-    quelm_table *table = static_cast<quelm_table *>(calloc(1, sizeof(quelm_table)));
-    ~BareTable() { free(table); }
-    operator quelm_table *() const { return table; }
-};
+// A TCP frame between two addresses (IPv6 when they hold a colon), tagged when vlan is not 0.
+inline Frame tcp(const char *src, uint16_t sport, const char *dst, uint16_t dport,
+                 uint16_t vlan = 0) {
+    Frame f;
+    f.eth();
+    if (vlan != 0) f.vlan(vlan);
+    if (std::string_view(src).find(':') != std::string_view::npos)
+        f.ipv6(src, dst);
+    else
+        f.ipv4(src, dst);
+    return f.tcp(sport, dport);
+}
 
 // Takes every flow out of a list, releasing each; returns how many there were.
 inline size_t drain(quelm_list *list) {
     size_t n = 0;
-    while (quelm_flow *f = quelm_list_pop_head(list)) {
+    for (; quelm_flow *f = quelm_list_pop_head(list); n++)
         quelm_flow_free(f);
-        n++;
-    }
     return n;
 }
 
-// Statuses of the flows of a list, head to tail, without taking them out.
-inline std::vector<uint32_t> statuses(const quelm_list &list) {
-    std::vector<uint32_t> out;
-    for (quelm_list_node *n = list.head; n != nullptr; n = n->next)
-        out.push_back(n->owner->value.status);
-    return out;
-}
+struct Packet {
+    Packet(const Frame &frame, int64_t sec, const quelm_decode_context &ctx, uint32_t ext_hash)
+        : bytes(frame.build()),
+          header{{sec, 0}, uint32_t(bytes.size()), uint32_t(bytes.size())},
+          ext{ext_hash, 0, 0} {
+        quelm_decode(ctx, info, bytes.data(), &header, &ext, &why);
+    }
+    Packet(const Packet &) = delete;  // the record points into the bytes and the header
+    std::vector<uint8_t> bytes;
+    quelm_packet_header header;
+    quelm_packet_ext ext;
+    quelm_packet_info info{};
+    quelm_not_decoded_reason why{};
+};
+
+struct Bench {
+    explicit Bench(uint32_t flags = 0, uint32_t max_flows = 1024, uint16_t user_size = 0)
+        : t(quelm_create_table(flags, max_flows, 30, 120, user_size)) {
+        using Info = const quelm_packet_info *;
+        auto on_new = [](quelm_flow *f, void *b) { log(b, "new", f); };
+        auto on_l7 = [](const uint8_t *, Info, quelm_flow *f, void *b) { log(b, "l7", f); };
+        auto on_packet = [](const uint8_t *, Info i, quelm_flow *f, void *b) {
+            log(b, "pkt" + std::to_string(i->direction), f);
+        };
+        auto on_export = [](quelm_flow *f, void *b) {
+            static_cast<Bench *>(b)->exported.push_back(f);
+        };
+        quelm_set_new_flow_callback(t, on_new, this);
+        quelm_set_l7_detected_callback(t, on_l7, this);
+        quelm_set_flow_packet_callback(t, on_packet, this);
+        quelm_set_flow_export_callback(t, on_export, this);
+    }
+    ~Bench() {
+        quelm_destroy_table(t);
+        for (quelm_flow *f : exported)
+            quelm_flow_free(f);
+    }
+    static void log(void *b, const std::string &what, quelm_flow *f) {
+        static_cast<Bench *>(b)->events.push_back(what + ":" + std::to_string(f->id));
+    }
+    quelm_action send(const Frame &frame, int64_t sec, quelm_packet_ext ext = {}) {
+        const std::vector<uint8_t> bytes = frame.build();
+        const quelm_packet_header h{{sec, 0}, uint32_t(bytes.size()), uint32_t(bytes.size())};
+        return quelm_process(t, bytes.data(), &h, &ext);
+    }
+    const quelm_flow_value &value(size_t exported_index) {
+        return exported.at(exported_index)->value;
+    }
+
+    // By hand: a packet decoded as the table would; a flow of one packet inserted into its hash
+    // (null when full); a lookup, with the direction in `dir` (2 when there is no flow).
+    quelm_packet_info *packet(const Frame &frame, int64_t sec, uint32_t ext_hash = 0) {
+        const quelm_decode_context ctx{t->flags, t->hash_v4, t->hash_v6, t->fragments};
+        return &packets.emplace_back(frame, sec, ctx, ext_hash).info;
+    }
+    quelm_flow *add(const Frame &frame, int64_t sec = 100, uint32_t ext_hash = 0) {
+        quelm_packet_info *info = packet(frame, sec, ext_hash);
+        quelm_flow *flow = quelm_flow_new(info, nullptr, 0);
+        flow->value.direction[0].pkts = 1;
+        if (quelm_hash_add(info->is_ipv4 ? t->hash_v4 : t->hash_v6, flow) == 0) {
+            quelm_flow_free(flow);
+            return nullptr;
+        }
+        t->stats.active_flows++;
+        return flow;
+    }
+    quelm_flow *find(const Frame &frame, int64_t sec = 100, uint32_t ext_hash = 0) {
+        quelm_packet_info *info = packet(frame, sec, ext_hash);
+        dir = 2;
+        return quelm_hash_find(t, info->is_ipv4 ? t->hash_v4 : t->hash_v6, info, &dir);
+    }
+
+    quelm_table *t;
+    std::vector<std::string> events;
+    std::vector<quelm_flow *> exported;
+    std::deque<Packet> packets;
+    uint32_t dir = 2;
+};
 
 }  // namespace quelm_test
