@@ -14,17 +14,11 @@
 
 namespace quelm_test {
 
-// A TCP frame between two addresses (IPv6 when they hold a colon), tagged when vlan is not 0.
-inline Frame tcp(const char *src, uint16_t sport, const char *dst, uint16_t dport,
-                 uint16_t vlan = 0) {
+// A TCP frame between two addresses (IPv6 when they hold a colon).
+inline Frame tcp(const char *src, uint16_t sport, const char *dst, uint16_t dport) {
     Frame f;
-    f.eth();
-    if (vlan != 0) f.vlan(vlan);
-    if (std::string_view(src).find(':') != std::string_view::npos)
-        f.ipv6(src, dst);
-    else
-        f.ipv4(src, dst);
-    return f.tcp(sport, dport);
+    const bool v6 = std::string_view(src).find(':') != std::string_view::npos;
+    return (v6 ? f.eth().ipv6(src, dst) : f.eth().ipv4(src, dst)).tcp(sport, dport);
 }
 
 // Takes every flow out of a list, releasing each; returns how many there were.
@@ -35,33 +29,16 @@ inline size_t drain(quelm_list *list) {
     return n;
 }
 
-struct Packet {
-    Packet(const Frame &frame, int64_t sec, const quelm_decode_context &ctx, uint32_t ext_hash)
-        : bytes(frame.build()),
-          header{{sec, 0}, uint32_t(bytes.size()), uint32_t(bytes.size())},
-          ext{ext_hash, 0, 0} {
-        quelm_decode(ctx, info, bytes.data(), &header, &ext, &why);
-    }
-    Packet(const Packet &) = delete;  // the record points into the bytes and the header
-    std::vector<uint8_t> bytes;
-    quelm_packet_header header;
-    quelm_packet_ext ext;
-    quelm_packet_info info{};
-    quelm_not_decoded_reason why{};
-};
-
 struct Bench {
-    explicit Bench(uint32_t flags = 0, uint32_t max_flows = 1024, uint16_t user_size = 0)
-        : t(quelm_create_table(flags, max_flows, 30, 120, user_size)) {
+    explicit Bench(uint32_t flags = 0, uint32_t max_flows = 1024)
+        : t(quelm_create_table(flags, max_flows, 30, 120, 0)) {
         using Info = const quelm_packet_info *;
         auto on_new = [](quelm_flow *f, void *b) { log(b, "new", f); };
         auto on_l7 = [](const uint8_t *, Info, quelm_flow *f, void *b) { log(b, "l7", f); };
         auto on_packet = [](const uint8_t *, Info i, quelm_flow *f, void *b) {
             log(b, "pkt" + std::to_string(i->direction), f);
         };
-        auto on_export = [](quelm_flow *f, void *b) {
-            static_cast<Bench *>(b)->exported.push_back(f);
-        };
+        auto on_export = [](quelm_flow *f, void *b) { of(b).exported.push_back(f); };
         quelm_set_new_flow_callback(t, on_new, this);
         quelm_set_l7_detected_callback(t, on_l7, this);
         quelm_set_flow_packet_callback(t, on_packet, this);
@@ -72,41 +49,58 @@ struct Bench {
         for (quelm_flow *f : exported)
             quelm_flow_free(f);
     }
+    static Bench &of(void *b) { return *static_cast<Bench *>(b); }
     static void log(void *b, const std::string &what, quelm_flow *f) {
-        static_cast<Bench *>(b)->events.push_back(what + ":" + std::to_string(f->id));
+        of(b).events.push_back(what + ":" + std::to_string(f->id));
+    }
+    // The exported flows in order, "id:status:packets:bytes" each (bytes of direction 0).
+    std::string exports() const {
+        std::string s;
+        for (const quelm_flow *f : exported)
+            s += (s.empty() ? "" : " ") + std::to_string(f->id) + ":" +
+                 std::to_string(f->value.status) + ":" +
+                 std::to_string(quelm::flow_total_packets(f)) + ":" +
+                 std::to_string(f->value.direction[0].bytes);
+        return s;
     }
     quelm_action send(const Frame &frame, int64_t sec, quelm_packet_ext ext = {}) {
         const std::vector<uint8_t> bytes = frame.build();
         const quelm_packet_header h{{sec, 0}, uint32_t(bytes.size()), uint32_t(bytes.size())};
         return quelm_process(t, bytes.data(), &h, &ext);
     }
-    const quelm_flow_value &value(size_t exported_index) {
-        return exported.at(exported_index)->value;
-    }
 
-    // By hand: a packet decoded as the table would; a flow of one packet inserted into its hash
-    // (null when full); a lookup, with the direction in `dir` (2 when there is no flow).
+    // By hand: a packet decoded as the table would; a flow of one packet inserted into its hash; a
+    // lookup, with the direction in `dir` (2 when there is no flow).
     quelm_packet_info *packet(const Frame &frame, int64_t sec, uint32_t ext_hash = 0) {
-        const quelm_decode_context ctx{t->flags, t->hash_v4, t->hash_v6, t->fragments};
-        return &packets.emplace_back(frame, sec, ctx, ext_hash).info;
+        Packet &p = packets.emplace_back(Packet{frame.build(), {}, {ext_hash, 0, 0}, {}});
+        p.header = {{sec, 0}, uint32_t(p.bytes.size()), uint32_t(p.bytes.size())};
+        quelm_not_decoded_reason why;
+        quelm_decode({t->flags, t->hash_v4, t->hash_v6, t->fragments}, p.info, p.bytes.data(),
+                     &p.header, &p.ext, &why);
+        return &p.info;
+    }
+    quelm_hash *hash_of(const quelm_packet_info *info) {
+        return info->is_ipv4 ? t->hash_v4 : t->hash_v6;
     }
     quelm_flow *add(const Frame &frame, int64_t sec = 100, uint32_t ext_hash = 0) {
         quelm_packet_info *info = packet(frame, sec, ext_hash);
         quelm_flow *flow = quelm_flow_new(info, nullptr, 0);
         flow->value.direction[0].pkts = 1;
-        if (quelm_hash_add(info->is_ipv4 ? t->hash_v4 : t->hash_v6, flow) == 0) {
-            quelm_flow_free(flow);
-            return nullptr;
-        }
-        t->stats.active_flows++;
+        t->stats.active_flows += quelm_hash_add(hash_of(info), flow);
         return flow;
     }
     quelm_flow *find(const Frame &frame, int64_t sec = 100, uint32_t ext_hash = 0) {
         quelm_packet_info *info = packet(frame, sec, ext_hash);
         dir = 2;
-        return quelm_hash_find(t, info->is_ipv4 ? t->hash_v4 : t->hash_v6, info, &dir);
+        return quelm_hash_find(t, hash_of(info), info, &dir);
     }
 
+    struct Packet {  // stays in place: the decoded record points into its bytes and header
+        std::vector<uint8_t> bytes;
+        quelm_packet_header header;
+        quelm_packet_ext ext;
+        quelm_packet_info info;
+    };
     quelm_table *t;
     std::vector<std::string> events;
     std::vector<quelm_flow *> exported;

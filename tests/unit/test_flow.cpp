@@ -9,12 +9,8 @@ namespace {
 
 using quelm_test::Bench;
 using quelm_test::Frame;
+using quelm_test::tcp;
 constexpr const char *A = "10.0.0.1", *B = "10.0.0.2";
-
-// A flow of a decoded frame, owned by the caller.
-quelm_flow *flow_of(Bench &b, const Frame &frame, uint16_t user_size = 0) {
-    return quelm_flow_new(b.packet(frame, 100), nullptr, user_size);
-}
 
 std::string text(quelm_flow *f, uint32_t size = 512) {
     char buf[512];
@@ -23,12 +19,10 @@ std::string text(quelm_flow *f, uint32_t size = 512) {
 
 TEST(Flow, KeyAndTextFormFromTheFirstPacket) {
     Bench b(QUELM_FLAG_TUNNEL_DECODING);
-    const Frame vxlan = Frame().eth().ipv4("192.0.2.1", "192.0.2.2").udp(1, 4789);
-    quelm_flow *f = flow_of(
-        b, Frame(vxlan).bytes({8, 0, 0, 0, 0, 0, 42, 0}).eth().vlan(7).ipv4(A, B).tcp(1234, 80));
-    uint32_t saddr;
-    memcpy(&saddr, f->key.saddr, 4);
-    EXPECT_EQ(saddr, 0x0A000001u) << "IPv4 addresses are host-order values";
+    Frame vxlan = Frame().eth().ipv4("192.0.2.1", "192.0.2.2").udp(1, 4789);
+    vxlan.bytes({8, 0, 0, 0, 0, 0, 42, 0}).eth().vlan(7).ipv4(A, B).tcp(1234, 80);
+    quelm_flow *f = quelm_flow_new(b.packet(vxlan, 100), nullptr, 0);
+    EXPECT_EQ(f->key.saddr[0] | f->key.saddr[3] << 8, 0x0A01) << "IPv4 addresses in host order";
     EXPECT_EQ(memcmp(f->key.smac, quelm_test::kClientMac.data(), 6), 0);
     EXPECT_EQ(f->value.tunnel_type + f->value.tunnel_id, QUELM_TUNNEL_VXLAN + 42u);
     f->value.direction[0] = {2, 100, {100, 0}, {107, 0}, 0x02, 0, 0};
@@ -37,136 +31,106 @@ TEST(Flow, KeyAndTextFormFromTheFirstPacket) {
               "[TCP] 10.0.0.1:1234 <-> 10.0.0.2:80 [100/1500 bytes][2/1 pkts][vlan 7]"
               "[TCP flags: 2/18][duration: 7 sec][Unknown]");
     EXPECT_EQ(text(f, 8), "[TCP] 1") << "cut to the size given, terminator included";
-    quelm_flow *v6 = flow_of(b, Frame().eth().ipv6("fd00:99::1", "fd00:99::2").udp(5353, 53));
+    quelm_flow *v6 =
+        quelm_flow_new(b.packet(tcp("fd00:99::1", 5353, "fd00:99::2", 53), 100), nullptr, 0);
     EXPECT_EQ(text(v6),
-              "[UDP] fd00:99::1:5353 <-> fd00:99::2:53 [0/0 bytes][0/0 pkts][vlan 0]"
+              "[TCP] fd00:99::1:5353 <-> fd00:99::2:53 [0/0 bytes][0/0 pkts][vlan 0]"
               "[TCP flags: 0/0][duration: 0 sec][Unknown]");
     quelm_flow_free(f);
     quelm_flow_free(v6);
 }
 
-// A slice holds a reference on its live flow and shares its user area, but owns its metadata.
-TEST(Flow, SlicesShareTheUserAreaAndReferencesButOwnTheirMetadata) {
-    Bench b;
-    quelm_flow *f = flow_of(b, quelm_test::tcp(A, 1, B, 2), 16);
-    auto *user = static_cast<uint8_t *>(f->value.user);
-    EXPECT_EQ(std::count(user, user + 16, 0), 16);
-    user[15] = 0xAB;
-    f->value.l7_protocol.master_protocol = 7;  // HTTP
-    f->value.l7_metadata.http.url = strdup("/index.html");
-    f->value.direction[0] = {3, 180, {100, 0}, {107, 0}, 0x18, 0, 0};
-    quelm_flow *s1 = quelm_flow_slice(f);
-    quelm_flow_reset_counters(f);
-    const quelm_flow_dir_value &d = f->value.direction[0];
-    EXPECT_EQ((std::array<int64_t, 5>{int64_t(d.pkts), int64_t(d.bytes), d.first.tv_sec,
-                                      d.tcp_flags, f->value.direction[1].first.tv_sec}),
-              (std::array<int64_t, 5>{0, 0, 107, 0x18, 0}));
-    quelm_flow *s2 = quelm_flow_slice(f);
-    EXPECT_EQ(quelm_flow_get_users(s1), 3u);
-    EXPECT_NE(s1->value.l7_metadata.http.url, f->value.l7_metadata.http.url);
-    quelm_flow_free(f);  // exported first: its strings go, the record stays for the slices
-    EXPECT_EQ(quelm_flow_get_users(s2), 2u);
-    EXPECT_STREQ(s1->value.l7_metadata.http.url, "/index.html");
-    EXPECT_EQ(static_cast<uint8_t *>(s1->value.user)[15], 0xAB);
-    EXPECT_EQ(s1->value.direction[0].bytes + s2->value.direction[0].bytes, 180u);
-    quelm_flow_free(s1);
-    quelm_flow_free(s2);
-}
-
-// Each kind of metadata is copied for a slice: the first string of every kind shares its place,
-// and HTTP's URL shares it with the TLS certificate fingerprint (20 bytes).
-TEST(Flow, SliceCopiesEveryKindOfMetadata) {
+// A slice holds a reference on its live flow and shares its user area, but owns copies of its
+// metadata. Every kind is copied: HTTP's URL shares its place with TLS's 20-byte fingerprint, and
+// the first string of each kind shares one too.
+TEST(Flow, SlicesShareTheRecordButOwnTheirMetadata) {
     Bench b;
     for (uint16_t protocol : {7, 91, 5}) {  // HTTP, TLS, DNS
-        quelm_flow *f = flow_of(b, quelm_test::tcp(A, 1, B, 2));
+        quelm_flow *f = quelm_flow_new(b.packet(tcp(A, 1, B, 2), 100), nullptr, 16);
+        auto *user = static_cast<uint8_t *>(f->value.user);
+        EXPECT_EQ(std::count(user, user + 16, 0), 16);
+        user[15] = 0xAB;
         quelm_flow_l7_metadata &md = f->value.l7_metadata;
         f->value.l7_protocol.master_protocol = protocol;
         md.http.server_name = strdup("demo.test");
         if (protocol != 5) md.http.url = strdup("0123456789abcdefghij");
-        quelm_flow *s = quelm_flow_slice(f);
-        const quelm_flow_l7_metadata &copy = s->value.l7_metadata;
+        f->value.direction[0] = {3, 180, {100, 0}, {107, 0}, 0x18, 0, 0};
+        quelm_flow *s1 = quelm_flow_slice(f);
+        quelm_flow_reset_counters(f);
+        const quelm_flow_dir_value &d = f->value.direction[0];
+        EXPECT_EQ(d.pkts + d.bytes + uint64_t(d.first.tv_sec) + d.tcp_flags, 107u + 0x18);
+        EXPECT_EQ(f->value.direction[1].first.tv_sec, 0) << "a direction without packets stays so";
+        quelm_flow *s2 = quelm_flow_slice(f);
+        EXPECT_EQ(quelm_flow_get_users(s1), 3u);
+        const quelm_flow_l7_metadata &copy = s1->value.l7_metadata;
         EXPECT_NE(copy.http.server_name, md.http.server_name) << protocol;
         EXPECT_TRUE(protocol == 5 || copy.http.url != md.http.url) << protocol;
-        quelm_flow_free(f);
+        quelm_flow_free(f);  // exported first: its strings go, the record stays for the slices
+        EXPECT_EQ(quelm_flow_get_users(s2), 2u);
         EXPECT_STREQ(copy.http.server_name, "demo.test");
         EXPECT_TRUE(protocol == 5 || memcmp(copy.http.url, "0123456789abcdefghij", 20) == 0);
-        quelm_flow_free(s);
+        EXPECT_EQ(static_cast<uint8_t *>(s1->value.user)[15], 0xAB);
+        EXPECT_EQ(s1->value.direction[0].bytes + s2->value.direction[0].bytes, 180u);
+        quelm_flow_free(s1);
+        quelm_flow_free(s2);
     }
 }
 
-// Scripts of lookups: each finds (or not) a slot and counts a packet into its entry.
+quelm_fragment_entry *find(quelm_fragment_hash *t, uint32_t key, uint16_t id, int64_t sec) {
+    const quelm_packet_header h{{sec, 0}, 60, 60};
+    return quelm_fragment_hash_find(t, key, id, &h);
+}
+
+// Scripts of lookups, each finding a slot (or none) and counting a packet into its entry; then the
+// slots in use, and those left by emptying slots 6 to 1.
 TEST(FragmentHash, LifetimeCollisionsWrapAroundFullTableAndStaleRuns) {
-    struct Step {
-        uint32_t key;
-        uint16_t id;
-        int64_t sec;
-        int slot;       // -1: no entry
-        uint32_t pkts;  // in the entry after this packet
-    };
-    struct Script {
-        const char *name;
-        uint32_t size;
-        std::vector<Step> steps;
-        std::string in_use;  // slots in use at the end
-    };
     // clang-format off
-    const Script scripts[] = {
-        {"valid_two_seconds_after_use", 16, {{3, 7, 100, 3, 1}, {3, 7, 101, 3, 2}, {3, 7, 103, 3, 1}}, "0001000000000000"},
-        {"collisions_take_the_next_slot", 16, {{5, 1, 100, 5, 1}, {5, 2, 100, 6, 1}, {5, 2, 100, 6, 2}}, "0000011000000000"},
-        {"probing_wraps_around", 8, {{7, 1, 100, 7, 1}, {7, 2, 100, 0, 1}, {15, 3, 100, 1, 1}, {15, 3, 101, 1, 2}, {7, 2, 101, 0, 2}}, "11000001"},
-        {"full_then_stale", 4, {{0, 0, 100, 0, 1}, {1, 1, 100, 1, 1}, {2, 2, 100, 2, 1}, {3, 3, 100, 3, 1}, {9, 9, 101, -1, 0}, {9, 9, 102, 1, 1}}, "0100"},
-        {"stale_run_behind_is_emptied", 16, {{2, 1, 100, 2, 1}, {2, 2, 100, 3, 1}, {2, 3, 100, 4, 1}, {6, 4, 100, 6, 1}, {2, 4, 105, 2, 1}}, "0010001000000000"},
-        {"no_slots", 0, {{5, 5, 100, -1, 0}}, ""},
+    struct Step { uint32_t key; uint16_t id; int64_t sec; int slot; uint32_t pkts; };  // slot -1: none
+    struct Script { const char *name; uint32_t size; std::vector<Step> steps; std::string in_use, after_removal; } const scripts[] = {
+        {"valid_two_seconds_after_use", 16, {{3, 7, 100, 3, 1}, {3, 7, 101, 3, 2}, {3, 7, 103, 3, 1}}, "0001000000000000", "0001000000000000"},
+        {"collisions_take_the_next_slot", 16, {{5, 1, 100, 5, 1}, {5, 2, 100, 6, 1}, {5, 2, 100, 6, 2}}, "0000011000000000", "0000010000000000"},
+        {"probing_wraps_around", 8, {{7, 1, 100, 7, 1}, {7, 2, 100, 0, 1}, {15, 3, 100, 1, 1}, {15, 3, 101, 1, 2}, {7, 2, 101, 0, 2}}, "11000001", "00000000"},
+        {"full_then_stale", 4, {{0, 0, 100, 0, 1}, {1, 1, 100, 1, 1}, {2, 2, 100, 2, 1}, {3, 3, 100, 3, 1}, {9, 9, 101, -1, 0}, {9, 9, 102, 1, 1}}, "0100", "0000"},
+        {"stale_run_behind_is_emptied", 16, {{2, 1, 100, 2, 1}, {2, 2, 100, 3, 1}, {2, 3, 100, 4, 1}, {6, 4, 100, 6, 1}, {2, 4, 105, 2, 1}}, "0010001000000000", "0010000000000000"},
+        {"no_slots", 0, {{5, 5, 100, -1, 0}}, "", ""},
     };
     // clang-format on
     for (const Script &s : scripts) {
-        SCOPED_TRACE(s.name);
         quelm_fragment_hash *t = quelm_fragment_hash_alloc(s.size);
         for (const Step &step : s.steps) {
-            const quelm_packet_header h{{step.sec, 0}, 60, 60};
-            quelm_fragment_entry *e = quelm_fragment_hash_find(t, step.key, step.id, &h);
+            quelm_fragment_entry *e = find(t, step.key, step.id, step.sec);
             EXPECT_EQ(e != nullptr ? int(e - t->entries) : -1, step.slot)
-                << step.key << "/" << step.id;
-            EXPECT_EQ(e != nullptr ? ++e->pkts : 0, step.pkts) << step.key << "/" << step.id;
+                << s.name << " " << step.id;
+            EXPECT_EQ(e != nullptr ? ++e->pkts : 0, step.pkts) << s.name << " " << step.id;
         }
-        std::string in_use;
-        for (uint32_t i = 0; i < t->num_slots; i++)
-            in_use += char('0' + t->entries[i].in_use);
-        EXPECT_EQ(in_use, s.in_use);
+        auto in_use = [t] {
+            std::string slots;
+            for (uint32_t i = 0; i < t->num_slots; i++)
+                slots += char('0' + t->entries[i].in_use);
+            return slots;
+        };
+        EXPECT_EQ(in_use(), s.in_use) << s.name;
+        quelm_fragment_hash_remove_range(t, 6, 1);  // wraps around the end
+        EXPECT_EQ(in_use(), s.after_removal) << s.name;
         quelm_fragment_hash_free(t);
     }
-}
-
-TEST(FragmentHash, RemoveRangeWraps) {
-    quelm_fragment_hash *t = quelm_fragment_hash_alloc(8);
-    for (uint32_t i = 0; i < 8; i++)
-        t->entries[i].in_use = 1;
-    quelm_fragment_hash_remove_range(t, 6, 1);
-    quelm_fragment_hash_remove_range(t, 3, 3);
-    for (uint32_t i = 0; i < 8; i++)
-        EXPECT_EQ(t->entries[i].in_use, uint32_t(i == 2 || i == 4 || i == 5)) << i;
-    quelm_fragment_hash_free(t);
 }
 
 TEST(FragmentHash, EntriesAndTheirFlowPointAtEachOther) {
     Bench b;
     quelm_fragment_hash *t = quelm_fragment_hash_alloc(16);
-    auto find = [t](uint32_t key, uint16_t id, int64_t sec) {
-        const quelm_packet_header h{{sec, 0}, 60, 60};
-        return quelm_fragment_hash_find(t, key, id, &h);
-    };
-    quelm_flow *f = flow_of(b, quelm_test::tcp(A, 1, B, 2)),
-               *g = flow_of(b, quelm_test::tcp(A, 3, B, 4));
-    quelm_fragment_entry *other = find(4, 1, 100);  // slot 4, valid until 102
-    quelm_fragment_entry_bind_flow(find(4, 2, 101), f);
+    quelm_flow *f = quelm_flow_new(b.packet(tcp(A, 1, B, 2), 100), nullptr, 0);
+    quelm_flow *g = quelm_flow_new(b.packet(tcp(A, 3, B, 4), 100), nullptr, 0);
+    quelm_fragment_entry *other = find(t, 4, 1, 100);  // slot 4, valid until 102
+    quelm_fragment_entry_bind_flow(find(t, 4, 2, 101), f);
     t->entries[5].pkts = 2;
-    quelm_fragment_entry *moved = find(4, 2, 102);  // slot 4 is stale: the datagram moves there
+    quelm_fragment_entry *moved = find(t, 4, 2, 102);  // slot 4 is stale: the datagram moves there
     EXPECT_EQ(moved, other);
     EXPECT_EQ(moved->flow, f);
     EXPECT_EQ(moved->pkts, 2u);
     EXPECT_EQ(f->fragment, moved) << "the flow's back-pointer moves along";
     EXPECT_EQ(t->entries[5].flow, nullptr);
-    quelm_fragment_entry *second = find(9, 3, 102);
+    quelm_fragment_entry *second = find(t, 9, 3, 102);
     quelm_fragment_entry_bind_flow(second, f);
     EXPECT_EQ(moved->flow, nullptr) << "a flow maps one datagram at a time";
     g->fragment = second;  // g once mapped the slot f has taken over

@@ -8,28 +8,24 @@
 
 namespace {
 
+// Walks the list both ways (no further than the model is long) and compares with the model.
 void expect_list(const quelm_list &list, const std::deque<quelm_flow *> &want) {
-    ASSERT_EQ(list.count, want.size());
-    const quelm_list_node *prev = nullptr, *node = list.head;
-    for (quelm_flow *f : want) {
-        ASSERT_NE(node, nullptr);
-        EXPECT_EQ(node->owner, f);
-        EXPECT_EQ(node->prev, prev);
-        prev = node;
-        node = node->next;
-    }
-    EXPECT_EQ(node, nullptr);
-    EXPECT_EQ(list.tail, prev);
+    std::deque<quelm_flow *> forward, backward;
+    for (auto *n = list.head; n != nullptr && forward.size() <= want.size(); n = n->next)
+        forward.push_back(n->owner);
+    for (auto *n = list.tail; n != nullptr && backward.size() <= want.size(); n = n->prev)
+        backward.push_front(n->owner);
+    EXPECT_EQ(forward, want);
+    EXPECT_EQ(backward, want);
+    EXPECT_EQ(list.count, want.size());
 }
 
 TEST(List, InvariantsHoldUnderRandomOperations) {
     std::mt19937 rng(7);
     std::vector<quelm_flow> pool(16);
     std::vector<quelm_flow *> outside;
-    for (quelm_flow &f : pool) {
-        f.lru.owner = &f;
-        outside.push_back(&f);
-    }
+    for (quelm_flow &f : pool)
+        outside.push_back(f.lru.owner = &f);
     quelm_list lists[2] = {};
     std::deque<quelm_flow *> model[2];
     for (int step = 0; step < 5000 && !testing::Test::HasFailure(); step++) {
@@ -42,20 +38,18 @@ TEST(List, InvariantsHoldUnderRandomOperations) {
             model[1 - l].clear();
         } else if (op == 5) {
             EXPECT_EQ(quelm_list_pop_head(list), m.empty() ? nullptr : m.front());
-            if (!m.empty()) outside.push_back(m.front());
-            if (!m.empty()) m.pop_front();
-        } else if (op <= 1 || m.empty()) {
-            if (outside.empty()) continue;
+            if (!m.empty()) outside.push_back(m.front()), m.pop_front();
+        } else if ((op <= 1 || m.empty()) && !outside.empty()) {
             std::swap(outside[rng() % outside.size()], outside.back());
             quelm_flow *f = outside.back();
             outside.pop_back();
             op == 0 ? quelm_list_append(list, &f->lru) : quelm_list_prepend(list, &f->lru);
             op == 0 ? m.push_back(f) : m.push_front(f);
-        } else {
+        } else if (!m.empty()) {
             const auto at = m.begin() + long(rng() % m.size());
             quelm_flow *f = *at;
             m.erase(at);
-            if (op == 2) quelm_list_remove(list, &f->lru), outside.push_back(f);
+            if (op <= 2) quelm_list_remove(list, &f->lru), outside.push_back(f);
             if (op == 3) quelm_list_move_to_head(list, &f->lru), m.push_front(f);
             if (op == 4) quelm_list_move_to_tail(list, &f->lru), m.push_back(f);
         }
