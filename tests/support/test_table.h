@@ -3,6 +3,7 @@
 #pragma once
 
 #include <deque>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -13,6 +14,8 @@
 #include "quelm_table.h"
 
 namespace quelm_test {
+
+constexpr const char *A = "10.0.0.1", *B = "10.0.0.2", *C = "fd00::1", *D = "fd00::2";
 
 // A TCP frame between two addresses (IPv6 when they hold a colon).
 inline Frame tcp(const char *src, uint16_t sport, const char *dst, uint16_t dport) {
@@ -32,15 +35,14 @@ inline size_t drain(quelm_list *list) {
 struct Bench {
     explicit Bench(uint32_t flags = 0, uint32_t max_flows = 1024)
         : t(quelm_create_table(flags, max_flows, 30, 120, 0)) {
-        using Info = const quelm_packet_info *;
-        auto on_new = [](quelm_flow *f, void *b) { log(b, "new", f); };
-        auto on_l7 = [](const uint8_t *, Info, quelm_flow *f, void *b) { log(b, "l7", f); };
-        auto on_packet = [](const uint8_t *, Info i, quelm_flow *f, void *b) {
-            log(b, "pkt" + std::to_string(i->direction), f);
+        auto on_new = [](quelm_flow *f, void *b) { log(b, "new:", f); };
+        auto on_packet = [](const uint8_t *, const quelm_packet_info *i, quelm_flow *f, void *b) {
+            log(b, "pkt" + std::to_string(i->direction) + ":", f);
         };
-        auto on_export = [](quelm_flow *f, void *b) { of(b).exported.push_back(f); };
+        auto on_export = [](quelm_flow *f, void *b) {
+            static_cast<Bench *>(b)->exported.push_back(f);
+        };
         quelm_set_new_flow_callback(t, on_new, this);
-        quelm_set_l7_detected_callback(t, on_l7, this);
         quelm_set_flow_packet_callback(t, on_packet, this);
         quelm_set_flow_export_callback(t, on_export, this);
     }
@@ -49,24 +51,21 @@ struct Bench {
         for (quelm_flow *f : exported)
             quelm_flow_free(f);
     }
-    static Bench &of(void *b) { return *static_cast<Bench *>(b); }
     static void log(void *b, const std::string &what, quelm_flow *f) {
-        of(b).events.push_back(what + ":" + std::to_string(f->id));
-    }
-    // The exported flows in order, "id:status:packets:bytes" each (bytes of direction 0).
-    std::string exports() const {
-        std::string s;
-        for (const quelm_flow *f : exported)
-            s += (s.empty() ? "" : " ") + std::to_string(f->id) + ":" +
-                 std::to_string(f->value.status) + ":" +
-                 std::to_string(quelm::flow_total_packets(f)) + ":" +
-                 std::to_string(f->value.direction[0].bytes);
-        return s;
+        static_cast<Bench *>(b)->events.push_back(what + std::to_string(f->id));
     }
     quelm_action send(const Frame &frame, int64_t sec, quelm_packet_ext ext = {}) {
         const std::vector<uint8_t> bytes = frame.build();
         const quelm_packet_header h{{sec, 0}, uint32_t(bytes.size()), uint32_t(bytes.size())};
         return quelm_process(t, bytes.data(), &h, &ext);
+    }
+    // The exported flows in order, "id:status:packets:bytes" each (bytes of direction 0).
+    std::string exports() const {
+        std::ostringstream s;
+        for (const quelm_flow *f : exported)
+            s << (s.tellp() > 0 ? " " : "") << f->id << ':' << f->value.status << ':'
+              << quelm::flow_total_packets(f) << ':' << f->value.direction[0].bytes;
+        return s.str();
     }
 
     // By hand: a packet decoded as the table would; a flow of one packet inserted into its hash; a
@@ -79,20 +78,15 @@ struct Bench {
                      &p.header, &p.ext, &why);
         return &p.info;
     }
-    quelm_hash *hash_of(const quelm_packet_info *info) {
-        return info->is_ipv4 ? t->hash_v4 : t->hash_v6;
-    }
     quelm_flow *add(const Frame &frame, int64_t sec = 100, uint32_t ext_hash = 0) {
         quelm_packet_info *info = packet(frame, sec, ext_hash);
         quelm_flow *flow = quelm_flow_new(info, nullptr, 0);
-        flow->value.direction[0].pkts = 1;
-        t->stats.active_flows += quelm_hash_add(hash_of(info), flow);
+        t->stats.active_flows += quelm_hash_add(info->is_ipv4 ? t->hash_v4 : t->hash_v6, flow);
         return flow;
     }
     quelm_flow *find(const Frame &frame, int64_t sec = 100, uint32_t ext_hash = 0) {
         quelm_packet_info *info = packet(frame, sec, ext_hash);
-        dir = 2;
-        return quelm_hash_find(t, hash_of(info), info, &dir);
+        return quelm_hash_find(t, info->is_ipv4 ? t->hash_v4 : t->hash_v6, info, &(dir = 2));
     }
 
     struct Packet {  // stays in place: the decoded record points into its bytes and header

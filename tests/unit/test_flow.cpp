@@ -2,17 +2,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 
 #include "test_table.h"
 
-namespace {
+using namespace quelm_test;
 
-using quelm_test::Bench;
-using quelm_test::Frame;
-using quelm_test::tcp;
-constexpr const char *A = "10.0.0.1", *B = "10.0.0.2";
-
-std::string text(quelm_flow *f, uint32_t size = 512) {
+static std::string text(quelm_flow *f, uint32_t size = 512) {
     char buf[512];
     return quelm_flow_print(f, buf, size, nullptr);
 }
@@ -23,7 +19,6 @@ TEST(Flow, KeyAndTextFormFromTheFirstPacket) {
     vxlan.bytes({8, 0, 0, 0, 0, 0, 42, 0}).eth().vlan(7).ipv4(A, B).tcp(1234, 80);
     quelm_flow *f = quelm_flow_new(b.packet(vxlan, 100), nullptr, 0);
     EXPECT_EQ(f->key.saddr[0] | f->key.saddr[3] << 8, 0x0A01) << "IPv4 addresses in host order";
-    EXPECT_EQ(memcmp(f->key.smac, quelm_test::kClientMac.data(), 6), 0);
     EXPECT_EQ(f->value.tunnel_type + f->value.tunnel_id, QUELM_TUNNEL_VXLAN + 42u);
     f->value.direction[0] = {2, 100, {100, 0}, {107, 0}, 0x02, 0, 0};
     f->value.direction[1] = {1, 1500, {103, 0}, {103, 0}, 0x12, 0, 0};
@@ -31,13 +26,7 @@ TEST(Flow, KeyAndTextFormFromTheFirstPacket) {
               "[TCP] 10.0.0.1:1234 <-> 10.0.0.2:80 [100/1500 bytes][2/1 pkts][vlan 7]"
               "[TCP flags: 2/18][duration: 7 sec][Unknown]");
     EXPECT_EQ(text(f, 8), "[TCP] 1") << "cut to the size given, terminator included";
-    quelm_flow *v6 =
-        quelm_flow_new(b.packet(tcp("fd00:99::1", 5353, "fd00:99::2", 53), 100), nullptr, 0);
-    EXPECT_EQ(text(v6),
-              "[TCP] fd00:99::1:5353 <-> fd00:99::2:53 [0/0 bytes][0/0 pkts][vlan 0]"
-              "[TCP flags: 0/0][duration: 0 sec][Unknown]");
     quelm_flow_free(f);
-    quelm_flow_free(v6);
 }
 
 // A slice holds a reference on its live flow and shares its user area, but owns copies of its
@@ -53,18 +42,18 @@ TEST(Flow, SlicesShareTheRecordButOwnTheirMetadata) {
         quelm_flow_l7_metadata &md = f->value.l7_metadata;
         f->value.l7_protocol.master_protocol = protocol;
         md.http.server_name = strdup("demo.test");
-        if (protocol != 5) md.http.url = strdup("0123456789abcdefghij");
+        md.http.url = protocol != 5 ? strdup("0123456789abcdefghij") : nullptr;
         f->value.direction[0] = {3, 180, {100, 0}, {107, 0}, 0x18, 0, 0};
         quelm_flow *s1 = quelm_flow_slice(f);
-        quelm_flow_reset_counters(f);
-        const quelm_flow_dir_value &d = f->value.direction[0];
-        EXPECT_EQ(d.pkts + d.bytes + uint64_t(d.first.tv_sec) + d.tcp_flags, 107u + 0x18);
-        EXPECT_EQ(f->value.direction[1].first.tv_sec, 0) << "a direction without packets stays so";
+        const quelm_flow_dir_value &d = quelm_flow_reset_counters(f)->value.direction[0];
+        EXPECT_EQ((std::array<int64_t, 5>{int64_t(d.pkts), int64_t(d.bytes), d.first.tv_sec,
+                                          d.tcp_flags, f->value.direction[1].first.tv_sec}),
+                  (std::array<int64_t, 5>{0, 0, 107, 0x18, 0}));
         quelm_flow *s2 = quelm_flow_slice(f);
-        EXPECT_EQ(quelm_flow_get_users(s1), 3u);
         const quelm_flow_l7_metadata &copy = s1->value.l7_metadata;
-        EXPECT_NE(copy.http.server_name, md.http.server_name) << protocol;
-        EXPECT_TRUE(protocol == 5 || copy.http.url != md.http.url) << protocol;
+        EXPECT_TRUE(copy.http.server_name != md.http.server_name &&
+                    (protocol == 5 || copy.http.url != md.http.url));
+        EXPECT_EQ(quelm_flow_get_users(s1), 3u);
         quelm_flow_free(f);  // exported first: its strings go, the record stays for the slices
         EXPECT_EQ(quelm_flow_get_users(s2), 2u);
         EXPECT_STREQ(copy.http.server_name, "demo.test");
@@ -76,7 +65,7 @@ TEST(Flow, SlicesShareTheRecordButOwnTheirMetadata) {
     }
 }
 
-quelm_fragment_entry *find(quelm_fragment_hash *t, uint32_t key, uint16_t id, int64_t sec) {
+static quelm_fragment_entry *find(quelm_fragment_hash *t, uint32_t key, uint16_t id, int64_t sec) {
     const quelm_packet_header h{{sec, 0}, 60, 60};
     return quelm_fragment_hash_find(t, key, id, &h);
 }
@@ -125,9 +114,7 @@ TEST(FragmentHash, EntriesAndTheirFlowPointAtEachOther) {
     quelm_fragment_entry_bind_flow(find(t, 4, 2, 101), f);
     t->entries[5].pkts = 2;
     quelm_fragment_entry *moved = find(t, 4, 2, 102);  // slot 4 is stale: the datagram moves there
-    EXPECT_EQ(moved, other);
-    EXPECT_EQ(moved->flow, f);
-    EXPECT_EQ(moved->pkts, 2u);
+    EXPECT_TRUE(moved == other && moved->flow == f && moved->pkts == 2);
     EXPECT_EQ(f->fragment, moved) << "the flow's back-pointer moves along";
     EXPECT_EQ(t->entries[5].flow, nullptr);
     quelm_fragment_entry *second = find(t, 9, 3, 102);
@@ -141,5 +128,3 @@ TEST(FragmentHash, EntriesAndTheirFlowPointAtEachOther) {
     EXPECT_EQ(second->expire, 0u) << "the entry is reusable at once";
     quelm_fragment_hash_free(t);
 }
-
-}  // namespace

@@ -6,21 +6,14 @@
 
 #include "test_table.h"
 
-namespace {
-
-using quelm_test::Bench;
-using quelm_test::Frame;
-using quelm_test::tcp;
-constexpr const char *A = "10.0.0.1", *B = "10.0.0.2", *C = "fd00::1", *D = "fd00::2";
+using namespace quelm_test;
 
 TEST(HashSizing, BucketsCapacityAndScanStep) {
-    // size, buckets, mask, capacity, buckets per scan
-    const std::array<uint32_t, 5> rows[] = {{1000, 1024, 1023, 2000, 10},
-                                            {262144, 262144, 262143, 524288, 2621},
-                                            {409599, 524288, 524287, 819198, 4096},
-                                            {64, 64, 63, 128, 0},
-                                            {1, 1, 0, 2, 0},
-                                            {0, 0, 0, 0, 0}};
+    // clang-format off
+    const std::array<uint32_t, 5> rows[] = {  // size, buckets, mask, capacity, buckets per scan
+        {1000, 1024, 1023, 2000, 10}, {262144, 262144, 262143, 524288, 2621}, {409599, 524288, 524287, 819198, 4096},
+        {64, 64, 63, 128, 0}, {1, 1, 0, 2, 0}, {0, 0, 0, 0, 0}};
+    // clang-format on
     for (const auto &r : rows) {
         quelm_hash *h = quelm_hash_alloc(r[0], 30, 0, 0);
         EXPECT_EQ((std::array{r[0], h->num_buckets, h->mask, h->capacity, h->scan_step}), r);
@@ -29,8 +22,7 @@ TEST(HashSizing, BucketsCapacityAndScanStep) {
 }
 
 TEST(Hash, FlowIdentity) {
-    const quelm_test::Mac X = quelm_test::kClientMac, Y = quelm_test::kServerMac,
-                          Z = {2, 0, 0, 0, 0, 7};
+    const Mac X = kClientMac, Y = kServerMac, Z = {2, 0, 0, 0, 0, 7};
     constexpr uint32_t V = QUELM_FLAG_IGNORE_VLAN, M = QUELM_FLAG_MAC_IN_KEY;
     auto vlan = [](uint16_t id, const char *s, const char *d) {
         return Frame().eth().vlan(id).ipv4(s, d);
@@ -143,7 +135,5 @@ TEST(Hash, FreeReleasesChainedFlowsButNotRetiredOnes) {
     EXPECT_EQ(quelm_hash_harvest_expired_flows(nullptr, h, 150), 1u);
     quelm_list retired = h->expired;
     quelm_hash_free(h);  // releases the live flow
-    EXPECT_EQ(quelm_test::drain(&retired), 1u) << "retired flows belong to the export path";
+    EXPECT_EQ(drain(&retired), 1u) << "retired flows belong to the export path";
 }
-
-}  // namespace

@@ -6,18 +6,14 @@
 
 #include "quelm_flow.h"
 
-namespace {
-
 // Walks the list both ways (no further than the model is long) and compares with the model.
-void expect_list(const quelm_list &list, const std::deque<quelm_flow *> &want) {
+static void expect_list(const quelm_list &list, const std::deque<quelm_flow *> &want) {
     std::deque<quelm_flow *> forward, backward;
     for (auto *n = list.head; n != nullptr && forward.size() <= want.size(); n = n->next)
         forward.push_back(n->owner);
     for (auto *n = list.tail; n != nullptr && backward.size() <= want.size(); n = n->prev)
         backward.push_front(n->owner);
-    EXPECT_EQ(forward, want);
-    EXPECT_EQ(backward, want);
-    EXPECT_EQ(list.count, want.size());
+    EXPECT_TRUE(forward == want && backward == want && list.count == want.size());
 }
 
 TEST(List, InvariantsHoldUnderRandomOperations) {
@@ -31,11 +27,11 @@ TEST(List, InvariantsHoldUnderRandomOperations) {
     for (int step = 0; step < 5000 && !testing::Test::HasFailure(); step++) {
         const uint32_t l = rng() % 2, op = rng() % 7;
         quelm_list *list = &lists[l];
-        std::deque<quelm_flow *> &m = model[l];
+        std::deque<quelm_flow *> &m = model[l], &other = model[1 - l];
         if (op == 6) {
             quelm_list_merge(list, &lists[1 - l]);
-            m.insert(m.end(), model[1 - l].begin(), model[1 - l].end());
-            model[1 - l].clear();
+            m.insert(m.end(), other.begin(), other.end());
+            other.clear();
         } else if (op == 5) {
             EXPECT_EQ(quelm_list_pop_head(list), m.empty() ? nullptr : m.front());
             if (!m.empty()) outside.push_back(m.front()), m.pop_front();
@@ -55,7 +51,6 @@ TEST(List, InvariantsHoldUnderRandomOperations) {
         }
         expect_list(lists[0], model[0]);
         expect_list(lists[1], model[1]);
+        if (testing::Test::HasFailure()) ADD_FAILURE() << "at step " << step;
     }
 }
-
-}  // namespace

@@ -3,53 +3,41 @@
 
 #include "test_table.h"
 
-namespace {
+using namespace quelm_test;
 
-using quelm_test::Bench;
-using quelm_test::Frame;
-using quelm_test::tcp;
-constexpr const char *A = "10.0.0.1", *B = "10.0.0.2", *C = "fd00::1", *D = "fd00::2";
-
-Frame fragment(uint16_t id, uint16_t offset, bool more, size_t bytes) {
+static Frame fragment(uint16_t id, uint16_t offset, bool more, size_t bytes) {
     Frame f =
         Frame().eth().ipv4(A, B, {.id = id, .more_fragments = more, .fragment_offset = offset});
     return offset == 0 ? f.udp(5000, 6000).payload(bytes - 8) : f.l4(17).payload(bytes);
 }
 
-TEST(Table, CountersPerDirection) {
+TEST(Table, CountersPerDirectionAndHousekeepingOncePerSecond) {
     Bench b;
     const Frame syn = Frame().eth().ipv4(A, B).tcp(1000, 80, 0x02).payload(6);
+    const Frame ack = Frame().eth().ipv4(A, B).tcp(1000, 80, 0x10).payload(6);
     b.send(syn, 100, {0, 7, 3});
     b.send(Frame().eth().ipv4(B, A).tcp(80, 1000, 0x12).payload(6), 101, {0, 0, 4});
-    b.send(Frame().eth().ipv4(A, B).tcp(1000, 80, 0x10).payload(6), 102);
-    EXPECT_EQ(quelm_get_stats(b.t)->bytes, 3 * (syn.size() + 24));
+    b.send(ack, 102);
+    b.send(ack, 102);
+    EXPECT_EQ(b.t->housekeeping_countdown, QUELM_HOUSEKEEPING_PACKETS - 1) << "not twice a second";
+    EXPECT_EQ(quelm_housekeeping(b.t, 102), 0) << "nor again for a second that found nothing";
+    EXPECT_EQ(quelm_get_stats(b.t)->bytes, 4 * (syn.size() + 24));
     quelm_flush(b.t);
     std::vector<uint64_t> got;  // packets, bytes, first and last second, flags, interface, port
     for (const quelm_flow_dir_value &d : b.exported.at(0)->value.direction)
         got.insert(got.end(), {d.pkts, d.bytes, uint64_t(d.first.tv_sec), uint64_t(d.last.tv_sec),
                                d.tcp_flags, d.if_index, d.port_id});
-    EXPECT_EQ(got, (std::vector<uint64_t>{2, 2 * syn.size(), 100, 102, 0x12, 3, 7,  //
+    EXPECT_EQ(got, (std::vector<uint64_t>{3, 3 * syn.size(), 100, 102, 0x12, 3, 7,  //
                                           1, syn.size(), 101, 101, 0x12, 4, 0}));
 }
 
-TEST(Table, CallbacksInOrderAndIcmpRequestAndReplyAreTwoFlows) {
-    Bench b;
-    b.send(tcp(A, 1, B, 2), 100);
-    b.send(tcp(B, 2, A, 1), 100);
-    b.send(Frame().eth().ipv4(A, B).icmp(8, 0), 100);
-    b.send(Frame().eth().ipv4(B, A).icmp(0, 0), 100);
-    EXPECT_EQ(b.events, (std::vector<std::string>{"new:0", "l7:0", "pkt0:0", "pkt1:0", "new:1",
-                                                  "l7:1", "pkt0:1", "new:2", "l7:2", "pkt0:2"}));
-    quelm_flush(b.t);
-    EXPECT_EQ(b.exported.at(1)->value.l7_metadata.icmp.icmp_type, 8);
-}
-
-TEST(Table, VerdictOfAFlowIsFixedWhenItStarts) {
+TEST(Table, CallbacksInOrderAndAVerdictFixedWhenTheFlowStarts) {
     Bench b;
     quelm_set_default_action(b.t, QUELM_ACTION_USER_1);
     EXPECT_EQ(b.send(tcp(A, 1, B, 2), 100), QUELM_ACTION_USER_1);
     quelm_set_default_action(b.t, QUELM_ACTION_DEFAULT);
     EXPECT_EQ(b.send(tcp(B, 2, A, 1), 100), QUELM_ACTION_USER_1);
+    EXPECT_EQ(b.events, (std::vector<std::string>{"new:0", "pkt0:0", "pkt1:0"}));
     auto forward = [](quelm_flow *f, void *) { quelm_flow_set_action(f, QUELM_ACTION_FORWARD); };
     quelm_set_new_flow_callback(b.t, forward, nullptr);
     EXPECT_EQ(b.send(tcp(C, 1, D, 2), 100), QUELM_ACTION_DEFAULT) << "fixed before the callback";
@@ -71,27 +59,32 @@ TEST(Table, ShuntDiscardsBeyondTheLimit) {
     }
 }
 
-TEST(Table, LifetimeEndsTheFlowAndTheNextPacketOpensANewOne) {
-    Bench b;
-    b.send(tcp(A, 1, B, 2), 100);
-    b.send(tcp(B, 2, A, 1), 220);
-    b.send(tcp(B, 2, A, 1), 221);  // exported by the housekeeping of this very packet
-    EXPECT_EQ(b.events.back(), "pkt0:1") << "a new flow, keyed on its own first packet";
-    EXPECT_EQ(b.exports(), "0:2:2:54");
-}
-
-TEST(Table, IdleStrictlyAfterTheTimeoutFromEitherDirectionAndHousekeepingOncePerSecond) {
-    Bench b;
-    b.send(tcp(A, 1, B, 2), 100);
-    b.send(tcp(A, 1, B, 2), 100);
-    EXPECT_EQ(b.t->housekeeping_countdown, QUELM_HOUSEKEEPING_PACKETS - 1) << "once a second";
-    b.send(tcp(B, 2, A, 1), 125);
-    EXPECT_EQ(quelm_housekeeping(b.t, 155), 1);
-    EXPECT_EQ(quelm_housekeeping(b.t, 155), 0) << "a second that found nothing is not redone";
-    EXPECT_EQ(b.exports(), "");
-    EXPECT_EQ(quelm_housekeeping(b.t, 156), 1);
-    EXPECT_EQ(b.exports(), "0:1:3:108");
-    EXPECT_EQ(quelm_get_stats(b.t)->active_flows, 0u);
+// Packets into a table of max_flows, then housekeeping at a given second (or a flush): the flows
+// exported by then, and the packets that found no room.
+TEST(Table, FlowsEndAsTheyShould) {
+    const Frame fwd = tcp(A, 1, B, 2), rev = tcp(B, 2, A, 1);
+    // clang-format off
+    struct Row { const char *name; uint32_t max_flows; std::vector<std::pair<Frame, int64_t>> packets; int64_t then; const char *exports; uint64_t no_room = 0; } const rows[] = {
+        {"lifetime_ends_the_flow_and_the_next_packet_opens_one", 1024, {{fwd, 100}, {rev, 220}, {rev, 221}}, -1, "0:2:2:54 1:4:1:54"},
+        {"not_idle_at_the_timeout_from_either_direction", 1024, {{fwd, 100}, {rev, 125}}, 155, ""},
+        {"idle_a_second_after_it", 1024, {{fwd, 100}, {rev, 125}}, 156, "0:1:2:54"},
+        {"flush_ends_every_flow_ipv4_first", 1024, {{fwd, 0xFFFFFFFE}, {Frame().eth().ipv6(C, D).udp(1, 2).payload(32), 100}, {tcp(D, 1, C, 2), 100}}, -1, "0:4:1:54 1:4:1:80 2:4:1:60"},
+        {"full_hashes_count_no_room_and_keep_their_flows", 1, {{fwd, 100}, {tcp(A, 3, B, 4), 100}, {tcp(A, 5, B, 6), 100}, {rev, 100}, {tcp(C, 1, D, 2), 100}}, -1, "1:4:1:54 0:4:2:54", 2},
+        {"icmp_request_and_reply_are_two_flows", 1024, {{Frame().eth().ipv4(A, B).icmp(8, 0), 100}, {Frame().eth().ipv4(B, A).icmp(0, 0), 100}}, -1, "0:4:1:42 1:4:1:42"},
+    };
+    // clang-format on
+    for (const Row &r : rows) {
+        Bench b(0,
+                r.max_flows);  // of one: an IPv4 hash holding 2 flows, an IPv6 one without buckets
+        for (const auto &[frame, sec] : r.packets)
+            b.send(frame, sec);
+        r.then < 0 ? quelm_flush(b.t) : void(quelm_housekeeping(b.t, uint32_t(r.then)));
+        EXPECT_EQ(b.exports(), r.exports) << r.name;
+        EXPECT_EQ(quelm_get_stats(b.t)->flows_no_room, r.no_room) << r.name;
+        EXPECT_EQ(quelm_get_stats(b.t)->active_flows + b.exported.size(),
+                  quelm_get_stats(b.t)->total_flows)
+            << r.name;
+    }
 }
 
 // A slice is due strictly after the period, counted from the earliest first packet of either
@@ -116,20 +109,10 @@ TEST(Table, SlicesCarryThePacketsOfTheirPeriod) {
     EXPECT_EQ(quelm_flow_get_users(b.exported[1]), 3u);
 }
 
-TEST(Table, FlushEndsEveryFlowIpv4First) {
-    Bench b;
-    b.send(tcp(A, 1, B, 2), 0xFFFFFFFE);  // a second before the flush's own time
-    b.send(Frame().eth().ipv6(C, D).udp(1, 2).payload(32), 100);  // 94 bytes, 80 counted
-    b.send(tcp(D, 1, C, 2), 100);
-    quelm_flush(b.t);
-    EXPECT_EQ(b.exports(), "0:4:1:54 1:4:1:80 2:4:1:60");
-    EXPECT_EQ(quelm_get_stats(b.t)->active_flows, 0u);
-}
-
 TEST(Table, ListCallbackTakesPrecedenceWithTheWholeBatch) {
     Bench b;
     static size_t batch = 0;
-    auto take = [](quelm_list *list, void *) { batch = quelm_test::drain(list); };
+    auto take = [](quelm_list *list, void *) { batch = drain(list); };
     quelm_set_flow_list_export_callback(b.t, take, nullptr);
     for (uint16_t port = 1; port <= 3; port++)
         b.send(tcp(A, port, B, 80), 100);
@@ -138,7 +121,7 @@ TEST(Table, ListCallbackTakesPrecedenceWithTheWholeBatch) {
     EXPECT_EQ(b.t->export_list.head, nullptr);
 }
 
-TEST(Table, FragmentsAreCreditedToTheFlowOfTheFirstFragmentWhileBoth) {
+TEST(Table, FragmentsAreCreditedToTheFlowOfTheFirstFragment) {
     Bench b;
     const Frame first = fragment(1, 0, true, 1480), middle = fragment(1, 185, true, 1480);
     b.send(middle, 100);  // before the first: there is no flow to credit
@@ -159,17 +142,6 @@ TEST(Table, FragmentsAreCreditedToTheFlowOfTheFirstFragmentWhileBoth) {
     b.send(fragment(2, 14, false, 50), 102);
 }
 
-TEST(Table, FullHashCountsNoRoomAndKeepsItsFlows) {
-    Bench b(0, 1);  // an IPv4 hash of one bucket holds 2 flows; the IPv6 one has no bucket
-    for (uint16_t port = 1; port <= 3; port++)
-        b.send(tcp(A, port, B, 80), 100);
-    b.send(tcp(B, 80, A, 1), 100);
-    EXPECT_EQ(b.events.back(), "pkt1:0");
-    b.send(tcp(C, 1, D, 2), 100);
-    EXPECT_EQ(quelm_get_stats(b.t)->flows_no_room, 2u);
-    EXPECT_EQ(quelm_get_stats(b.t)->active_flows, 2u);
-}
-
 // What the table still holds goes with it: live flows (one mapping a fragment entry), and a retired
 // flow and a slice not exported yet. The sanitizer build checks that nothing leaks or is used late.
 TEST(Table, DestroyReleasesEverythingItHolds) {
@@ -181,5 +153,3 @@ TEST(Table, DestroyReleasesEverythingItHolds) {
     quelm_hash_export_flow(b.t, b.t->hash_v4, b.t->hash_v4->lru.head->owner);
     EXPECT_EQ(b.t->hash_v4->expired.count + b.t->hash_v6->expired.count, 2u);
 }
-
-}  // namespace
