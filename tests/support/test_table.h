@@ -24,14 +24,6 @@ inline Frame tcp(const char *src, uint16_t sport, const char *dst, uint16_t dpor
     return (v6 ? f.eth().ipv6(src, dst) : f.eth().ipv4(src, dst)).tcp(sport, dport);
 }
 
-// Takes every flow out of a list, releasing each; returns how many there were.
-inline size_t drain(quelm_list *list) {
-    size_t n = 0;
-    for (; quelm_flow *f = quelm_list_pop_head(list); n++)
-        quelm_flow_free(f);
-    return n;
-}
-
 struct Bench {
     explicit Bench(uint32_t flags = 0, uint32_t max_flows = 1024)
         : t(quelm_create_table(flags, max_flows, 30, 120, 0)) {

@@ -14,26 +14,22 @@ constexpr const char *E = "192.0.2.1", *F = "192.0.2.2";  // outer addresses of 
 const Frame kTcp4 = Frame().eth().ipv4("10.1.0.1", "10.2.0.2").tcp(40000, 80, 0x18).payload(10);
 const auto v4 = [](Ipv4Options o) { return Frame().eth().ipv4(A, B, o); };
 static Frame vxlan(uint8_t flags) {
-    Frame f;
-    f.eth().vlan(3).ipv4(E, F).udp(33333, 4789);
+    Frame f = Frame().eth().vlan(3).ipv4(E, F).udp(33333, 4789);
     return f.bytes({flags, 0, 0, 0, 0x12, 0x34, 0x56, 0}).eth().ipv4(A, B).tcp(1111, 22);
 }
 static Frame nested_vxlan(int n) {
-    Frame f;
-    f.eth();
+    Frame f = Frame().eth();
     for (int i = 0; i < n; i++)
         f.ipv4(A, B).udp(1, 4789).bytes({8, 0, 0, 0, 0, 0, 1, 0}).eth();
     return f.ipv4(A, B).udp(1, 2);
 }
 static Frame gtp(bool inner_v6, uint8_t type = 0xFF, uint8_t flags = 0x30) {
-    Frame f;
-    f.eth().ipv4(E, F).udp(2152, 2152).bytes({flags, type, 0, 0, 0, 0, 0, 1});
+    Frame f = Frame().eth().ipv4(E, F).udp(2152, 2152).bytes({flags, type, 0, 0, 0, 0, 0, 1});
     if (flags & 0x07) f.bytes({0, 0, 0, 0});
     return inner_v6 ? f.ipv6(C, D).udp(53, 53) : f.ipv4("10.8.0.1", "10.8.0.2").udp(53, 5353);
 }
 static Frame l2tp(uint16_t flags, uint16_t ppp, std::initializer_list<uint8_t> extra = {}) {
-    Frame f;
-    f.eth().ipv4(E, F).udp(1701, 1701).bytes({uint8_t(flags >> 8), uint8_t(flags)});
+    Frame f = Frame().eth().ipv4(E, F).udp(1701, 1701).bytes({uint8_t(flags >> 8), uint8_t(flags)});
     if (flags & 0x4000) f.bytes({0, 0});  // length
     f.bytes({0, 42, 0, 7}).bytes(extra).bytes({0xFF, 3, uint8_t(ppp >> 8), uint8_t(ppp)});
     return ppp == 0x0057 ? f.ipv6(C, D).tcp(1, 2) : f.ipv4("10.7.0.1", "10.7.0.2").tcp(3, 4);
@@ -94,10 +90,8 @@ const Row kRows[] = {  // caplen -1: the whole frame; wire 0: the frame's length
     {"l2tp_control_is_plain_udp", T, l2tp(0x8002, 0x0021), "dport=1701 tun=0"},
     {"capwap_8_byte_header_and_32_to_the_ethertype", T, Frame().eth().ipv4(E, F).udp(40000, 5247).bytes({0, 0x10, 0, 0, 0, 0, 0, 0, 2}).payload(29, 0).bytes({8, 0}).ipv4("10.6.0.1", "10.6.0.2").udp(67, 68), "l3=82 sport=67 tun=2 src=10.6.0.1"},
 };
+const char *const kReasons[] = {"too_long", "truncated", "not_ip", "bad_header", "fragment", "too_deep"};
 // clang-format on
-
-const char *const kReasons[] = {"too_long",   "truncated", "not_ip",
-                                "bad_header", "fragment",  "too_deep"};
 
 TEST(Decode, EveryEncapsulationTunnelAndRefusal) {
     for (const Row &r : kRows) {
