@@ -98,10 +98,10 @@ TEST(Decode, EveryEncapsulationTunnelAndRefusal) {
         SCOPED_TRACE(r.name);
         Bench b(r.flags);
         std::vector<uint8_t> bytes = r.frame.build();
-        const uint32_t wire = r.wire ? r.wire : uint32_t(bytes.size());
-        bytes.resize(r.caplen < 0 ? bytes.size() : size_t(r.caplen));
-        bytes.shrink_to_fit();  // nothing readable past the capture
-        const quelm_packet_header h{{100, 0}, uint32_t(bytes.size()), wire};
+        const uint32_t caplen = r.caplen < 0 ? uint32_t(bytes.size()) : uint32_t(r.caplen);
+        const quelm_packet_header h{{100, 0}, caplen, r.wire ? r.wire : uint32_t(bytes.size())};
+        bytes.resize(h.caplen);
+        bytes.shrink_to_fit();                      // nothing readable past the capture
         const quelm_packet_ext ext{0xABCDE, 0, 0};  // the capture layer's hash
         quelm_process(b.t, bytes.data(), &h, &ext);
         const quelm_stats *s = quelm_get_stats(b.t);

@@ -24,10 +24,8 @@ TEST(HashSizing, BucketsCapacityAndScanStep) {
 TEST(Hash, FlowIdentity) {
     const Mac X = kClientMac, Y = kServerMac, Z = {2, 0, 0, 0, 0, 7};
     constexpr uint32_t V = QUELM_FLAG_IGNORE_VLAN, M = QUELM_FLAG_MAC_IN_KEY;
-    auto vlan = [](uint16_t id, const char *s, const char *d) {
-        return Frame().eth().vlan(id).ipv4(s, d);
-    };
     // clang-format off
+    auto vlan = [](uint16_t id, const char *s, const char *d) { return Frame().eth().vlan(id).ipv4(s, d); };
     // dir 2: no flow found. A capture-layer hash (ext) puts both packets in one bucket, whatever their keys.
     struct Row { const char *name; uint32_t flags; Frame flow, lookup; uint32_t dir, ext = 0; } const rows[] = {
         {"forward", 0, tcp(A, 1, B, 2), tcp(A, 1, B, 2), 0},
@@ -134,7 +132,6 @@ TEST(Hash, FreeReleasesChainedFlowsButNotRetiredOnes) {
         quelm_hash_add(h, quelm_flow_new(b.packet(tcp(A, uint16_t(sec), B, 2), sec), nullptr, 0));
     EXPECT_EQ(quelm_hash_harvest_expired_flows(nullptr, h, 150), 1u);
     quelm_list retired = h->expired;
-    quelm_hash_free(h);  // releases the live flow
-    EXPECT_EQ(retired.count, 1u) << "retired flows belong to the export path";
+    quelm_hash_free(h);  // releases the live flow; the retired one belongs to the export path
     quelm_list_cleanup(&retired);
 }

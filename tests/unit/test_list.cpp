@@ -26,28 +26,28 @@ TEST(List, InvariantsHoldUnderRandomOperations) {
     std::deque<quelm_flow *> model[2];
     for (int step = 0; step < 5000 && !testing::Test::HasFailure(); step++) {
         const uint32_t l = rng() % 2, op = rng() % 7;
-        quelm_list *list = &lists[l];
         std::deque<quelm_flow *> &m = model[l], &other = model[1 - l];
         if (op == 6) {
-            quelm_list_merge(list, &lists[1 - l]);
+            quelm_list_merge(&lists[l], &lists[1 - l]);
             m.insert(m.end(), other.begin(), other.end());
             other.clear();
         } else if (op == 5) {
-            EXPECT_EQ(quelm_list_pop_head(list), m.empty() ? nullptr : m.front());
+            EXPECT_EQ(quelm_list_pop_head(&lists[l]), m.empty() ? nullptr : m.front());
             if (!m.empty()) outside.push_back(m.front()), m.pop_front();
         } else if ((op <= 1 || m.empty()) && !outside.empty()) {
             std::swap(outside[rng() % outside.size()], outside.back());
             quelm_flow *f = outside.back();
             outside.pop_back();
-            op == 0 ? quelm_list_append(list, &f->lru) : quelm_list_prepend(list, &f->lru);
+            op == 0 ? quelm_list_append(&lists[l], &f->lru)
+                    : quelm_list_prepend(&lists[l], &f->lru);
             op == 0 ? m.push_back(f) : m.push_front(f);
         } else if (!m.empty()) {
             const auto at = m.begin() + long(rng() % m.size());
             quelm_flow *f = *at;
             m.erase(at);
-            if (op <= 2) quelm_list_remove(list, &f->lru), outside.push_back(f);
-            if (op == 3) quelm_list_move_to_head(list, &f->lru), m.push_front(f);
-            if (op == 4) quelm_list_move_to_tail(list, &f->lru), m.push_back(f);
+            if (op <= 2) quelm_list_remove(&lists[l], &f->lru), outside.push_back(f);
+            if (op == 3) quelm_list_move_to_head(&lists[l], &f->lru), m.push_front(f);
+            if (op == 4) quelm_list_move_to_tail(&lists[l], &f->lru), m.push_back(f);
         }
         expect_list(lists[0], model[0]);
         expect_list(lists[1], model[1]);
