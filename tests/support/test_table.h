@@ -60,8 +60,8 @@ struct Bench {
         return s.str();
     }
 
-    // By hand: a packet decoded as the table would; a flow of one packet inserted into its hash; a
-    // lookup, with the direction in `dir` (2 when there is no flow).
+    // By hand: a packet decoded as the table would; a flow of one packet inserted into its hash
+    // (null when full); a lookup, with the direction in `dir` (2 when there is no flow).
     quelm_packet_info *packet(const Frame &frame, int64_t sec, uint32_t ext_hash = 0) {
         Packet &p = packets.emplace_back(Packet{frame.build(), {}, {ext_hash, 0, 0}, {}});
         p.header = {{sec, 0}, uint32_t(p.bytes.size()), uint32_t(p.bytes.size())};
@@ -71,9 +71,10 @@ struct Bench {
         return &p.info;
     }
     quelm_flow *add(const Frame &frame, int64_t sec = 100, uint32_t ext_hash = 0) {
-        quelm_packet_info *info = packet(frame, sec, ext_hash);
-        quelm_flow *flow = quelm_flow_new(info, nullptr, 0);
-        t->stats.active_flows += quelm_hash_add(info->is_ipv4 ? t->hash_v4 : t->hash_v6, flow);
+        quelm_flow *flow = quelm_flow_new(packet(frame, sec, ext_hash), nullptr, 0);
+        if (!quelm_hash_add(flow->key.ip_version == 4 ? t->hash_v4 : t->hash_v6, flow))
+            return quelm_flow_free(flow), nullptr;
+        t->stats.active_flows++;
         return flow;
     }
     quelm_flow *find(const Frame &frame, int64_t sec = 100, uint32_t ext_hash = 0) {

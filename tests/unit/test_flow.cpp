@@ -14,8 +14,8 @@ TEST(Flow, KeyAndTextFormFromTheFirstPacket) {
     quelm_flow *f = quelm_flow_new(b.packet(vxlan, 100), nullptr, 0);
     EXPECT_EQ(f->key.saddr[0] | f->key.saddr[3] << 8, 0x0A01) << "IPv4 addresses in host order";
     EXPECT_EQ(f->value.tunnel_type + f->value.tunnel_id, QUELM_TUNNEL_VXLAN + 42u);
-    f->value.direction[0] = {2, 100, {100, 0}, {107, 0}, 0x02, 0, 0};
-    f->value.direction[1] = {1, 1500, {103, 0}, {103, 0}, 0x12, 0, 0};
+    f->value.direction[0] = {2, 100, {100, 0}, {103, 0}, 0x02, 0, 0};
+    f->value.direction[1] = {1, 1500, {107, 0}, {107, 0}, 0x12, 0, 0};
     char buf[512];
     EXPECT_STREQ(quelm_flow_print(f, buf, sizeof buf, nullptr),
                  "[TCP] 10.0.0.1:1234 <-> 10.0.0.2:80 [100/1500 bytes][2/1 pkts][vlan 7]"

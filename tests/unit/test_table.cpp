@@ -126,7 +126,8 @@ TEST(Table, DestroyReleasesEverythingItHolds) {
     b.send(fragment(1, 0, true, 100), 100);
     b.send(tcp(A, 1, B, 2), 100);
     b.send(tcp(C, 1, D, 2), 100);
-    quelm_hash_export_flow_slice(b.t, b.t->hash_v6, b.t->hash_v6->lru.head->owner, 101);
+    for (int n = 0; n < 2; n++)  // the second slice would have no packet to carry: none is cut
+        quelm_hash_export_flow_slice(b.t, b.t->hash_v6, b.t->hash_v6->lru.head->owner, 101);
     quelm_hash_export_flow(b.t, b.t->hash_v4, b.t->hash_v4->lru.head->owner);
     EXPECT_EQ(b.t->hash_v4->expired.count + b.t->hash_v6->expired.count, 2u);
 }
