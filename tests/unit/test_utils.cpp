@@ -13,8 +13,7 @@ TEST(Utils, Pow2RoundsUpWithin32Bits) {
 
 TEST(Utils, TextsFitTheirBuffers) {
     char quad[16], wide[48], small[8];
-    EXPECT_EQ(utils_intoav4(0xFFFFFFFF, quad, sizeof quad), quad);
-    EXPECT_STREQ(quad, "255.255.255.255");
+    EXPECT_STREQ(utils_intoav4(0xFFFFFFFF, quad, sizeof quad), "255.255.255.255");
     EXPECT_EQ(utils_intoav4(0x0A000102, wide, sizeof wide), wide + 39)
         << "ends at the buffer's end";
     EXPECT_STREQ(wide + 39, "10.0.1.2");
