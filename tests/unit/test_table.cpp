@@ -115,7 +115,7 @@ TEST(Table, ListCallbackTakesPrecedenceWithTheWholeBatch) {
     for (uint16_t port = 1; port <= 3; port++)
         b.send(tcp(A, port, B, 80), 100);
     quelm_flush(b.t);
-    EXPECT_EQ(batch + b.exported.size(), 3u);
+    EXPECT_EQ(std::pair(batch, b.exported.size()), std::pair(size_t{3}, size_t{0}));
     EXPECT_EQ(b.t->export_list.head, nullptr);
 }
 
