@@ -110,7 +110,10 @@ quelm_action track(quelm_table *t, const uint8_t *packet, uint32_t now) {
 void quelm_table_flow_leaves(quelm_flow *flow, bool ended, void *table) {
     auto *t = static_cast<quelm_table *>(table);
     quelm_pre_export(t, flow);
-    if (ended) t->stats.active_flows--;
+    if (!ended) return;
+    t->stats.active_flows--;
+    // The application owns the flow from now on: the fragment table must not reach it again.
+    if (flow->fragment != nullptr) quelm_fragment_entry_unlink_flow(flow->fragment, flow);
 }
 
 // Gathers the flows that left both hashes and hands them to exactly one receiver.
