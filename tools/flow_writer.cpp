@@ -9,6 +9,8 @@
 #include <cstring>
 #include <ctime>
 
+#include "pelda.h"
+
 namespace quelm_tool {
 namespace {
 
@@ -265,7 +267,7 @@ void write_l7(Out &o, quelm_flow *flow, quelm_table *table, bool answers_read) {
     // The details belong to the flow's protocol: the master's, else the application's.
     const uint16_t id = l7.master_protocol != 0 ? l7.master_protocol : l7.app_protocol;
     const quelm_flow_l7_metadata &md = v.l7_metadata;
-    if (id == 7 &&
+    if (id == PELDA_PROTOCOL_HTTP &&
         (md.http.server_name != nullptr || md.http.url != nullptr || md.http.response_code != 0)) {
         const char *sep = "";
         o.lit(",\"http\":{");
@@ -280,7 +282,7 @@ void write_l7(Out &o, quelm_flow *flow, quelm_table *table, bool answers_read) {
         if (md.http.response_code != 0)
             o.raw(sep, std::strlen(sep)).lit("\"status\":").u64(md.http.response_code);
         o.ch('}');
-    } else if (id == 91 &&
+    } else if (id == PELDA_PROTOCOL_TLS &&
                (md.tls.server_name != nullptr || md.tls.certificate_fingerprint != nullptr)) {
         const char *sep = "";
         o.lit(",\"tls\":{");
@@ -295,7 +297,7 @@ void write_l7(Out &o, quelm_flow *flow, quelm_table *table, bool answers_read) {
             o.ch('"');
         }
         o.ch('}');
-    } else if (id == 5 && md.dns.query != nullptr) {
+    } else if (id == PELDA_PROTOCOL_DNS && md.dns.query != nullptr) {
         o.lit(",\"dns\":{\"rrname\":").str(md.dns.query, kMaxNameLen);
         if (md.dns.query_type != 0) {
             o.lit(",\"rrtype\":").str(dns_type_name(md.dns.query_type));
