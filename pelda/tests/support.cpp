@@ -111,14 +111,12 @@ void conversation::handshake() {
     packets.push_back({tcp(c, s, cseq, 0x10), packets.size()});
 }
 
-void conversation::client_sends(const bytes &payload) {
-    packets.push_back({tcp(c, s, cseq, 0x18, payload), packets.size()});
-    cseq += uint32_t(payload.size());
-}
-
-void conversation::server_sends(const bytes &payload) {
-    packets.push_back({tcp(s, c, sseq, 0x18, payload), packets.size()});
-    sseq += uint32_t(payload.size());
+void conversation::sends(bool from_client, const bytes &payload) {
+    const endpoint &from = from_client ? c : s, &to = from_client ? s : c;
+    uint32_t &seq = from_client ? cseq : sseq;
+    packets.push_back(
+        {udp ? pt::udp(from, to, payload) : tcp(from, to, seq, 0x18, payload), packets.size()});
+    seq += uint32_t(payload.size());
 }
 
 owned_module::owned_module(bool guess) {

@@ -35,15 +35,15 @@ struct endpoint {
 bytes udp(const endpoint &src, const endpoint &dst, const bytes &payload);
 bytes tcp(const endpoint &src, const endpoint &dst, uint32_t seq, uint8_t flags,
           const bytes &payload = {});
-// A TCP conversation: handshake, then payloads in order from either side.
+// A TCP (or UDP) conversation: handshake, then payloads in order from either side.
 struct conversation {
     conversation(endpoint client, endpoint server) : c(client), s(server) {}
     endpoint c, s;
     std::vector<packet> packets;
     uint32_t cseq = 1000, sseq = 5000;
+    bool udp = false;
     void handshake();
-    void client_sends(const bytes &payload);
-    void server_sends(const bytes &payload);
+    void sends(bool from_client, const bytes &payload);
 };
 
 struct owned_module {

@@ -58,7 +58,7 @@ TEST(Files, ProtocolsFileAddsProtocolsAndRules) {
               app);
     // Host rule: the application over HTTP, also for subdomains.
     pt::conversation c({"10.0.0.1", 40001}, {"10.0.0.2", 80});
-    c.client_sends(pt::text("GET / HTTP/1.1\r\nHost: WWW.Example.com\r\n\r\n"));
+    c.sends(true, pt::text("GET / HTTP/1.1\r\nHost: WWW.Example.com\r\n\r\n"));
     EXPECT_EQ(pt::drive(m, c.packets)[0].summary,
               "HTTP.Intranet sn=www.example.com url=http://www.example.com/");
 }
@@ -92,7 +92,7 @@ TEST(Files, CategoriesFileSetsCategoriesByHostAndNetwork) {
     pt::owned_module m;
     ASSERT_EQ(load(m, "Banking host:bank.example\n150     net:10.1.0.0/16\n", true).first, 2);
     pt::conversation c({"192.168.0.2", 40000}, {"192.168.0.9", 80});
-    c.client_sends(pt::text("GET /login HTTP/1.1\r\nHost: www.bank.example\r\n\r\n"));
+    c.sends(true, pt::text("GET /login HTTP/1.1\r\nHost: www.bank.example\r\n\r\n"));
     EXPECT_EQ(pt::drive(m, c.packets)[0].result.category, 35u);  // Banking
     pt::bytes query = pt::hex("1234 0100 0001 0000 0000 0000 01 61 00 0001 0001");
     auto r = pt::drive(m, {{pt::udp({"10.1.2.3", 40000}, {"10.9.9.9", 53}, query), 1}});
