@@ -221,13 +221,13 @@ TEST(Tls, HandshakeSpanningSegments) {
         pt::conversation c{{"192.0.2.1", 51000}, {"192.0.2.2", 7000}};
         c.handshake();
         for (size_t i = 0; i < hello.size(); i += seg)
-            c.sends(true, slice(hello, i, i + seg));
+            c.client_sends(slice(hello, i, i + seg));
         auto last = c.packets.end() - 1;
         EXPECT_EQ(pt::feed(m, flow.get(), {c.packets.begin(), last}).app_protocol, 0) << seg;
         EXPECT_EQ(pt::feed(m, flow.get(), {last, c.packets.end()}).app_protocol, 91) << seg;
         c.packets.clear();
         for (size_t i = 0; i < server.size(); i += seg)
-            c.sends(false, slice(server, i, i + seg));
+            c.server_sends(slice(server, i, i + seg));
         pelda_protocol r = pt::feed(m, flow.get(), c.packets);
         EXPECT_EQ(r.state, uint32_t(PELDA_STATE_DONE)) << seg;
         EXPECT_EQ(pt::summary(m, r, flow.get()),
