@@ -25,7 +25,7 @@ bytes slice(const bytes &b, size_t from, size_t to) {
 // deciding packet) if the row shows one. Packets: "tcp|udp PORT [v6] [noguess]", client to
 // server PORT (TCP after a handshake); "ip PROTO"; "pcap FILE [noextra]" (no extra dissection);
 // "corpus FILE", skipped when absent, of which one flow is expected. Messages: C or S and
-// parts: 'text' (\r \n \0), <hex>, $variable, *N (zeros up to N bytes), xN (N times).
+// parts: 'text' (\r \n \0), <hex>, *N (zeros up to N bytes), xN (N times).
 const char *const kCases = R"(
 HTTP sn=www.example.test url=http://www.example.test/docs/index.html?q=1 hc=200 @6 / HTTP sn=127.0.0.1 url=http://127.0.0.1/missing hc=404 @6 | pcap http.pcap
 HTTP sn=www.example.test url=http://www.example.test/docs/index.html?q=1 @4 / HTTP sn=127.0.0.1 url=http://127.0.0.1/missing @4 | pcap http.pcap noextra
@@ -41,9 +41,9 @@ HTTP sn=proxy.example url=http://proxy.example:3128/a/b | tcp 40001 | C'GET http
 HTTP sn=secure.example url=http://secure.example:443 | tcp 40001 | C'CONNECT secure.example:443 HTTP/1.1\r\n\r\n'
 HTTP sn=2001:db8::1 url=http://2001:db8::1/form | tcp 40001 | C'POST /form HTTP/1.0\r\nhost:  [2001:db8::1]:8080 \r\n\r\n'
 HTTP url=http:/// | tcp 40001 | C'GET / HTTP/1.1\r\nAccept: */*\r\n\r\n'
-DNS sn=www.example.com dq=28 dr=3 @2 | udp 8053 v6 | C$query S$reply
-DNS sn=www.example.com dq=28 dr=3 @5 | tcp 8053 v6 | C<0021>$query S<0021>$reply
-DNS sn=www.example.com dq=28 dr=3 @7 | tcp 53 v6 | C<0021> C$query S<0021> S$reply
+DNS sn=www.example.com dq=28 dr=3 @2 | udp 8053 v6 | C<abcd 0100 0001 0000 0000 0000 03777777 076578616d706c65 03636f6d 00 001c 0001> S<abcd 8183 0001 0000 0000 0000 03777777 076578616d706c65 03636f6d 00 001c 0001>
+DNS sn=www.example.com dq=28 dr=3 @5 | tcp 8053 v6 | C<0021><abcd 0100 0001 0000 0000 0000 03777777 076578616d706c65 03636f6d 00 001c 0001> S<0021><abcd 8183 0001 0000 0000 0000 03777777 076578616d706c65 03636f6d 00 001c 0001>
+DNS sn=www.example.com dq=28 dr=3 @7 | tcp 53 v6 | C<0021> C<abcd 0100 0001 0000 0000 0000 03777777 076578616d706c65 03636f6d 00 001c 0001> S<0021> S<abcd 8183 0001 0000 0000 0000 03777777 076578616d706c65 03636f6d 00 001c 0001>
 DNS sn=www.example.com dq=28 dr=0 | udp 53 | C<abcd 0100 0001 0000 0000 0000 03777777 c016 001c 0001 076578616d706c65 03636f6d 00>
 MDNS sn=_http._tcp.local dq=12 dr=0 @1 | udp 5353 | C<0000 0000 0001 0000 0000 0000 055f68747470 045f746370 056c6f63616c 00 000c 0001>
 Unknown | udp 40001 | C<abcd 0100 0000 0000 0000 0000>
@@ -91,13 +91,6 @@ Unknown | udp 40001 | C<23 11>*48
 Unknown | udp 40001 | C<3018 020109 0406 7075626c6963 a00b 020101 020100 020100 3000>
 )";
 
-// The DNS messages of the table.
-const std::map<std::string, bytes> kVars = {
-    {"query",
-     pt::hex("abcd 0100 0001 0000 0000 0000 03777777 076578616d706c65 03636f6d 00 001c 0001")},
-    {"reply",
-     pt::hex("abcd 8183 0001 0000 0000 0000 03777777 076578616d706c65 03636f6d 00 001c 0001")}};
-
 // The packets of a row.
 std::vector<pt::packet> packets_of(const std::string &head, const std::string &m, bool *guess) {
     std::istringstream words(head);
@@ -132,12 +125,12 @@ std::vector<pt::packet> packets_of(const std::string &head, const std::string &m
                 }
                 continue;
             }
-            // <hex>, $variable, *size, xtimes
+            // <hex>, *size, xtimes
             size_t end = kind == '<' ? m.find('>', i) + 1
-                                     : std::min(m.find_first_of(" '<$*x", i + 1), m.size());
+                                     : std::min(m.find_first_of(" '<*x", i + 1), m.size());
             std::string word = m.substr(i + 1, end - i - 1);
-            bytes add = kind == '<' ? pt::hex(word) : kind == '$' ? kVars.at(word) : bytes();
-            b.insert(b.end(), add.begin(), add.end());
+            bytes h = kind == '<' ? pt::hex(word) : bytes();
+            b.insert(b.end(), h.begin(), h.end());
             if (kind == '*') b.resize(std::stoul(word));
             if (kind == 'x') times = std::stoul(word);
             i = end - 1;

@@ -39,13 +39,10 @@ TEST(Files, ProtocolsFileAddsProtocolsAndRules) {
     EXPECT_EQ(pelda_get_proto_by_name(m, "Backup"), app + 2);
     EXPECT_EQ(pelda_get_proto_category(m, app), 150u);
     // Longest prefix wins: 10.20.1.1, 10.20.30.9, 192.168.7.7, 192.168.7.8, 10.21.0.1.
-    const std::pair<uint32_t, uint32_t> nets[] = {{0x0A140101, app + 1},
-                                                  {0x0A141E09, app + 2},
-                                                  {0xC0A80707, app + 2},
-                                                  {0xC0A80708, 0},
-                                                  {0x0A150001, 0}};
-    for (const auto &[addr, id] : nets)
-        EXPECT_EQ(pelda_network_ptree_match(m, addr), id) << addr;
+    const uint32_t addrs[] = {0x0A140101, 0x0A141E09, 0xC0A80707, 0xC0A80708, 0x0A150001};
+    const uint32_t ids[] = {app + 1u, app + 2u, app + 2u, 0, 0};
+    for (size_t i = 0; i < 5; ++i)
+        EXPECT_EQ(pelda_network_ptree_match(m, addrs[i]), ids[i]) << addrs[i];
     // Port rule: named on the first packet, whatever the payload; guesses use it too.
     auto r = pt::drive(m, {{pt::udp({"10.0.0.1", 40000}, {"10.0.0.2", 5005}, pt::text("hi")), 1}});
     EXPECT_EQ(r[0].summary + " @" + std::to_string(r[0].packet_decided), "CorpApp @1");
