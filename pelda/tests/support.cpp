@@ -111,14 +111,12 @@ void conversation::handshake() {
     packets.push_back({tcp(c, s, cseq, 0x10), packets.size()});
 }
 
-void conversation::client_sends(const bytes &payload) {
-    packets.push_back({tcp(c, s, cseq, 0x18, payload), packets.size()});
-    cseq += uint32_t(payload.size());
-}
-
-void conversation::server_sends(const bytes &payload) {
-    packets.push_back({tcp(s, c, sseq, 0x18, payload), packets.size()});
-    sseq += uint32_t(payload.size());
+void conversation::sends(bool from_client, const bytes &payload) {
+    const endpoint &from = from_client ? c : s, &to = from_client ? s : c;
+    uint32_t &seq = from_client ? cseq : sseq;
+    packets.push_back(
+        {udp ? pt::udp(from, to, payload) : tcp(from, to, seq, 0x18, payload), packets.size()});
+    seq += uint32_t(payload.size());
 }
 
 owned_module::owned_module(bool guess) {
@@ -140,36 +138,34 @@ pelda_protocol feed(pelda_detection_module *m, pelda_flow *f, const std::vector<
     return r;
 }
 
+std::string to_hex(const uint8_t *p, size_t n) {
+    std::string s;
+    for (size_t i = 0; i < n; ++i)
+        s += "0123456789abcdef"[p[i] >> 4], s += "0123456789abcdef"[p[i] & 15];
+    return s;
+}
+
 std::string summary(pelda_detection_module *m, const pelda_protocol &r, const pelda_flow *f) {
     char buf[128];
     std::string s = pelda_protocol2name(m, {r.master_protocol, r.app_protocol}, buf, sizeof(buf));
     if (!f) return s;
     const uint8_t *b = reinterpret_cast<const uint8_t *>(f);
-    const char *name, *url;
-    uint16_t code, qtype;
-    std::memcpy(&name, b + 368, sizeof(name));
-    std::memcpy(&url, b + 656, sizeof(url));
-    std::memcpy(&code, b + 654, 2);
-    std::memcpy(&qtype, b + 936, 2);
-    if (name) s += std::string(" sn=") + name;
-    if (url) s += std::string(" url=") + url;
-    if (code) s += " hc=" + std::to_string(code);
-    if (qtype) s += " dq=" + std::to_string(qtype) + " dr=" + std::to_string(b[930]);
-    if (std::any_of(b + 1156, b + 1176, [](uint8_t x) { return x != 0; })) {
-        s += " sha1=";
-        for (const uint8_t *x = b + 1156; x < b + 1176; ++x)
-            s += "0123456789abcdef"[*x >> 4], s += "0123456789abcdef"[*x & 15];
-    }
+    auto at = [b](size_t off, auto v) { return std::memcpy(&v, b + off, sizeof(v)), v; };
+    if (auto name = at(368, (const char *)nullptr)) s += std::string(" sn=") + name;
+    if (auto url = at(656, (const char *)nullptr)) s += std::string(" url=") + url;
+    if (uint16_t code = at(654, uint16_t())) s += " hc=" + std::to_string(code);
+    if (uint16_t q = at(936, uint16_t()))
+        s += " dq=" + std::to_string(q) + " dr=" + std::to_string(b[930]);
+    if (std::any_of(b + 1156, b + 1176, [](uint8_t x) { return x != 0; }))
+        s += " sha1=" + to_hex(b + 1156, 20);
     return s;
 }
 
 std::vector<flow_result> drive(pelda_detection_module *m, const std::vector<packet> &packets,
                                bool extra_dissection) {
     struct state {
-        flow_ptr flow = new_flow();
+        flow_ptr flow = new_flow();  // none for IP protocols other than TCP and UDP
         flow_result r;
-        uint32_t packets = 0;
-        uint8_t proto = 0;
         bool done = false;
     };
     std::map<std::string, state> flows;
@@ -180,16 +176,17 @@ std::vector<flow_result> drive(pelda_detection_module *m, const std::vector<pack
         if (key.empty()) continue;
         auto [it, fresh] = flows.try_emplace(key);
         state &s = it->second;
-        if (fresh) order.push_back(&s), s.proto = proto;
-        if (fresh && proto != 6 && proto != 17) {
+        if (fresh) order.push_back(&s);
+        if (s.done) continue;
+        uint32_t n = ++s.r.packet_decided, limit = proto == 6 ? 12 : 5;
+        if (proto != 6 && proto != 17) {
             bool v4 = pk.ip[0] >> 4 == 4;
             uint32_t sa = v4 ? be32(&pk.ip[12]) : 0, da = v4 ? be32(&pk.ip[16]) : 0;
             s.r.result = pelda_guess_undetected_protocol_v4(m, nullptr, proto, sa, 0, da, 0);
             s.r.guessed = s.done = true;
-            s.r.packet_decided = 1;
+            s.flow.reset();
+            continue;
         }
-        if (s.done) continue;
-        uint32_t n = ++s.packets, limit = proto == 6 ? 12 : 5;
         pelda_protocol r = pelda_detection_process_packet(
             m, s.flow.get(), pk.ip.data(), uint32_t(pk.ip.size()), pk.time_ms, nullptr);
         if (r.master_protocol || r.app_protocol) {
@@ -205,13 +202,10 @@ std::vector<flow_result> drive(pelda_detection_module *m, const std::vector<pack
             if (!s.r.result.app_protocol && s.r.result.master_protocol)
                 std::memcpy(&s.r.result.app_protocol, (const char *)s.flow.get() + 30, 2);
         }
-        if (s.done) s.r.packet_decided = n;
     }
     std::vector<flow_result> out;
     for (state *s : order) {
-        bool l4 = s->proto == 6 || s->proto == 17;
-        s->r.summary = summary(m, s->r.result, l4 ? s->flow.get() : nullptr);
-        if (s->r.guessed) s->r.summary += " guessed";
+        s->r.summary = summary(m, s->r.result, s->flow.get()) + (s->r.guessed ? " guessed" : "");
         out.push_back(std::move(s->r));
     }
     return out;

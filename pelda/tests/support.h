@@ -35,15 +35,17 @@ struct endpoint {
 bytes udp(const endpoint &src, const endpoint &dst, const bytes &payload);
 bytes tcp(const endpoint &src, const endpoint &dst, uint32_t seq, uint8_t flags,
           const bytes &payload = {});
-// A TCP conversation: handshake, then payloads in order from either side.
+// A TCP (or UDP) conversation: handshake, then payloads in order from either side.
 struct conversation {
     conversation(endpoint client, endpoint server) : c(client), s(server) {}
     endpoint c, s;
     std::vector<packet> packets;
     uint32_t cseq = 1000, sseq = 5000;
+    bool udp = false;
     void handshake();
-    void client_sends(const bytes &payload);
-    void server_sends(const bytes &payload);
+    void sends(bool from_client, const bytes &payload);
+    void client_sends(const bytes &payload) { sends(true, payload); }
+    void server_sends(const bytes &payload) { sends(false, payload); }
 };
 
 struct owned_module {
@@ -62,11 +64,12 @@ pelda_protocol feed(pelda_detection_module *m, pelda_flow *f, const std::vector<
 // "NAME sn=... url=... hc=200 dq=28 dr=3 sha1=...": the name and those of the fields callers
 // read at fixed offsets of the flow object that are set.
 std::string summary(pelda_detection_module *m, const pelda_protocol &r, const pelda_flow *f);
+std::string to_hex(const uint8_t *p, size_t n);
 
 struct flow_result {
     pelda_protocol result{};
     bool guessed = false;
-    uint32_t packet_decided = 0;  // 1-based packet of the flow that ended detection
+    uint32_t packet_decided = 0;  // the flow's packet that ended detection (or its last), from 1
     std::string summary;          // pt::summary, and " guessed" after a give-up or guess
 };
 // Runs each bidirectional flow as the flow table does: until a protocol is named (with extra

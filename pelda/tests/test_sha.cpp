@@ -5,6 +5,7 @@
 #include <string>
 
 #include "internal.h"
+#include "support.h"
 
 namespace {
 
@@ -25,12 +26,10 @@ TEST(Sha, VectorsAtPaddingEdges) {
     };
     for (const auto &[message, digest] : cases) {
         uint8_t out[32];
-        std::string hex, expect = digest;
+        std::string expect = digest;
         if (expect.size() == 64) pelda_sha256(message.data(), message.size(), out);
         if (expect.size() == 40) pelda::sha1(message.data(), message.size(), out);
-        for (size_t i = 0; i < expect.size() / 2; ++i)
-            hex += "0123456789abcdef"[out[i] >> 4], hex += "0123456789abcdef"[out[i] & 15];
-        EXPECT_EQ(hex, expect) << message.size();
+        EXPECT_EQ(pt::to_hex(out, expect.size() / 2), expect) << message.size();
     }
     uint8_t out[32];
     pelda_sha256(nullptr, 0, out);  // as empty
