@@ -102,11 +102,5 @@ uint32_t pelda_get_num_protocols(pelda_detection_module *) {
 const char *pelda_category_get_name(pelda_detection_module *, uint32_t id) {
     return id < script.categories.size() ? script.categories[id].c_str() : nullptr;
 }
-int pelda_load_protocols_file(pelda_detection_module *, const char *) {
-    for (uint32_t i = 0; script.load_protocols_result >= 0 && i < script.protocols_added_by_load;
-         i++)
-        script.protocols.push_back("Custom" + std::to_string(i));
-    return script.load_protocols_result;
-}
 
 }  // extern "C"

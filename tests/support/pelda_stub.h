@@ -1,6 +1,6 @@
-// A scripted detection engine: it defines the engine functions the library references weakly, so
-// a test linked with it (instead of the engine) controls every detection result, name and file
-// load.
+// A scripted detection engine: it defines those of the engine functions the library references
+// weakly that the tests reach, so a test linked with it (instead of the engine) controls every
+// detection result and name.
 #pragma once
 
 #include <deque>
@@ -30,8 +30,6 @@ struct Script {
     std::vector<std::string> protocols, categories;  // names by id
     std::deque<Answer> answers;                      // of the packets in turn; then 0/0
     Answer giveup, guess;
-    int load_protocols_result = 0;
-    uint32_t protocols_added_by_load = 0;
     // What the library did.
     std::string config;  // "key=value;" of each setting
     int modules_created = 0, modules_released = 0, process_calls = 0, giveup_calls = 0;
