@@ -45,7 +45,7 @@ class Dpi : public ::testing::Test {
     // A new table and engine script; the flows of the previous table are released.
     void fresh(uint32_t flags) {
         clear();
-        pelda_stub::reset(300, kNames);
+        pelda_stub::reset(kNames);
         t = quelm_create_table(flags, 1024, 30, 120, 0);
         ASSERT_NE(t, nullptr);
         quelm_set_l7_detected_callback(
@@ -56,7 +56,10 @@ class Dpi : public ::testing::Test {
             },
             this);
         quelm_set_flow_export_callback(
-            t, [](quelm_flow *f, void *u) { static_cast<Dpi *>(u)->exported.emplace_back(f); },
+            t,
+            [](quelm_flow *f, void *u) {
+                static_cast<Dpi *>(u)->exported.emplace_back(f, quelm_flow_free);
+            },
             this);
     }
     void clear() {
@@ -92,10 +95,7 @@ class Dpi : public ::testing::Test {
     quelm_table *t = nullptr;
     int sent = 0;
     std::vector<int> events;  // packet number of each L7-detected callback, -1 at export
-    struct Free {
-        void operator()(quelm_flow *f) { quelm_flow_free(f); }
-    };
-    std::vector<std::unique_ptr<quelm_flow, Free>> exported;
+    std::vector<std::unique_ptr<quelm_flow, decltype(&quelm_flow_free)>> exported;
     std::string path = testing::TempDir() + "quelm_rules_" +
                        testing::UnitTest::GetInstance()->current_test_info()->name() + ".conf";
 };

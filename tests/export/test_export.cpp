@@ -150,13 +150,8 @@ TEST_F(Export, DormantExporterKeepsFlowsUntilItStartsUpToItsLimit) {
     quelm_export_destroy(&t->exporter);
     EXPECT_EQ(records(1).size(), 4u) << "16 and 4";
     // Dormant again: a full queue drops the arriving flow; teardown releases the others.
-    const auto p = Frame().eth().ipv4("10.0.0.1", "10.0.0.2").tcp(1, 2).build();
-    quelm_packet_header h{{100, 0}, uint32_t(p.size()), uint32_t(p.size())};
-    quelm_packet_info info{};
-    info.header = &h;
-    info.is_ipv4 = 1;
-    for (uint32_t n = 0; n < QUELM_EXPORT_QUEUE_MAX + 1; n++)
-        quelm_zmq_export_flow(quelm_flow_new(&info, nullptr, 0), t);
+    t->exporter.queue_len = QUELM_EXPORT_QUEUE_MAX - 1;  // as if full but for one
+    flows(20, 22);
     EXPECT_EQ(t->exporter.queue_len, QUELM_EXPORT_QUEUE_MAX);
     EXPECT_EQ(t->exporter.num_flow_drops, 1u);
 }

@@ -8,12 +8,10 @@
 
 namespace pelda_stub {
 
-void reset(uint32_t num_protocols, const std::map<uint16_t, std::string> &names) {
+void reset(const std::map<uint16_t, std::string> &names) {
     script = Script{};
-    for (uint16_t id = 0; id < num_protocols; id++)
+    for (uint16_t id = 0; id < 300; id++)
         script.protocols.push_back(names.contains(id) ? names.at(id) : "P" + std::to_string(id));
-    for (int id = 0; id < PELDA_NUM_CATEGORIES; id++)
-        script.categories.push_back("Cat" + std::to_string(id));
 }
 
 pelda_protocol result(uint16_t master, uint16_t app, uint32_t category, uint32_t state) {
@@ -100,7 +98,7 @@ uint32_t pelda_get_num_protocols(pelda_detection_module *) {
     return uint32_t(script.protocols.size());
 }
 const char *pelda_category_get_name(pelda_detection_module *, uint32_t id) {
-    return id < script.categories.size() ? script.categories[id].c_str() : nullptr;
+    return script.strings.emplace_back("Cat" + std::to_string(id)).c_str();
 }
 
 }  // extern "C"

@@ -27,8 +27,8 @@ struct Answer {
 
 struct Script {
     uint32_t api_version = PELDA_API_VERSION;
-    std::vector<std::string> protocols, categories;  // names by id
-    std::deque<Answer> answers;                      // of the packets in turn; then 0/0
+    std::vector<std::string> protocols;  // names by id
+    std::deque<Answer> answers;          // of the packets in turn; then 0/0
     Answer giveup, guess;
     // What the library did.
     std::string config;  // "key=value;" of each setting
@@ -40,8 +40,8 @@ struct Script {
 
 inline Script script;
 
-// A script with protocols P0 ... except those named, and categories Cat0 ...
-void reset(uint32_t num_protocols = 300, const std::map<uint16_t, std::string> &names = {});
+// A script with protocols P0 ... P299 except those named, and categories Cat0 ...
+void reset(const std::map<uint16_t, std::string> &names = {});
 pelda_protocol result(uint16_t master, uint16_t app, uint32_t category = 0, uint32_t state = 0);
 
 }  // namespace pelda_stub
