@@ -1,7 +1,6 @@
 // The one packet builder of the tests, the engine's tests, the fuzz seeds and the benchmarks'
-// traffic: frames assembled field by field. Layers are appended outside-in; each layer patches the
-// type or protocol field of the one before it, and build() fills in the IP and UDP lengths, so a
-// caller names only what it cares about.
+// traffic. Layers are appended outside-in, each patching the type or protocol field of the one
+// before it; build() fills in the IP and UDP lengths, so a caller names only what it cares about.
 #pragma once
 
 #include <arpa/inet.h>
@@ -25,9 +24,8 @@ struct Ipv4Options {
     uint16_t fragment_offset = 0;  // in 8-byte units
     uint8_t ihl = 5, version = 4;
     int total_length = -1;  // -1: computed
-    bool dont_fragment = false;
     uint8_t ttl = 64;
-    bool checksum = false;  // fill in the header checksum (else 0)
+    bool dont_fragment = false, checksum = false;  // checksum: fill it in (else 0)
 };
 
 struct TcpOptions {
