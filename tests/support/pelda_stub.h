@@ -26,9 +26,9 @@ struct Answer {
 };
 
 struct Script {
-    uint32_t api_version = PELDA_API_VERSION;
-    std::vector<std::string> protocols;  // names by id
-    std::deque<Answer> answers;          // of the packets in turn; then 0/0
+    uint32_t api_version = 0x50000 | PELDA_API_VERSION;  // only its low 16 bits are the revision
+    std::vector<std::string> protocols;                  // names by id
+    std::deque<Answer> answers;                          // of the packets in turn; then 0/0
     Answer giveup, guess;
     // What the library did.
     std::string config;  // "key=value;" of each setting
