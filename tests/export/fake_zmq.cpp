@@ -3,9 +3,7 @@
 #include <errno.h>
 #include <string.h>
 
-namespace {
-fake_zmq::State g_state;
-}  // namespace
+static fake_zmq::State g_state;
 
 fake_zmq::State &fake_zmq::state() {
     return g_state;
@@ -37,7 +35,6 @@ FAKE_API int zmq_bind(void *, const char *) {
 FAKE_API int zmq_send(void *, const void *buf, size_t len, int flags) {
     const auto *p = static_cast<const uint8_t *>(buf);
     if (flags == 2) return g_state.messages.push_back({{p, p + len}, {}}), int(len);  // the header
-    if (g_state.fail == "zmq_send") return g_state.messages.pop_back(), errno = EAGAIN, -1;
     g_state.messages.back().payload.assign(p, p + len);
     return int(len);
 }

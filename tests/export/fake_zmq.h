@@ -14,8 +14,7 @@ struct Message {
 };
 
 struct State {
-    // The call that fails: "zmq_ctx_new", "zmq_socket", "zmq_curve_keypair", "zmq_setsockopt"
-    // or "zmq_send" (payload parts only).
+    // The call that fails: "zmq_ctx_new", "zmq_socket", "zmq_curve_keypair" or "zmq_setsockopt".
     std::string fail;
     std::vector<Message> messages;  // sent
     int contexts = 0, sockets = 0, closed = 0, destroyed = 0;

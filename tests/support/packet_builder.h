@@ -1,7 +1,6 @@
 // The one packet builder of the tests, the engine's tests, the fuzz seeds and the benchmarks'
-// traffic: frames assembled field by field. Layers are appended outside-in; each layer patches the
-// type or protocol field of the one before it, and build() fills in the IP and UDP lengths, so a
-// caller names only what it cares about.
+// traffic. Layers are appended outside-in, each patching the type or protocol field of the one
+// before it; build() fills in the IP and UDP lengths, so a caller names only what it cares about.
 #pragma once
 
 #include <arpa/inet.h>
@@ -23,12 +22,10 @@ struct Ipv4Options {
     uint16_t id = 0x1234;
     bool more_fragments = false;
     uint16_t fragment_offset = 0;  // in 8-byte units
-    uint8_t ihl = 5;
-    uint8_t version = 4;
+    uint8_t ihl = 5, version = 4;
     int total_length = -1;  // -1: computed
-    bool dont_fragment = false;
     uint8_t ttl = 64;
-    bool checksum = false;  // fill in the header checksum (else 0)
+    bool dont_fragment = false, checksum = false;  // checksum: fill it in (else 0)
 };
 
 struct TcpOptions {
@@ -42,47 +39,38 @@ class Frame {
         put(dst.begin(), dst.end());
         put(src.begin(), src.end());
         type_at_ = b_.size();
-        put16(0);
-        return *this;
+        return put16(0);
     }
     Frame &vlan(uint16_t id) {
         link_type(0x8100);
         put16(id & 0x0FFF);
         type_at_ = b_.size();
-        put16(0);
-        return *this;
+        return put16(0);
     }
     Frame &mpls(uint32_t label, bool bottom) {
         link_type(0x8847);
-        put32(label << 12 | (bottom ? 0x100u : 0) | 64);
-        return *this;
+        return put32(label << 12 | (bottom ? 0x100u : 0) | 64);
     }
     Frame &pppoe(uint16_t ppp_protocol = 0x0021) {
         link_type(0x8864);
         put({0x11, 0x00, 0x00, 0x01, 0x00, 0x00});  // version/type, code, session, length
-        put16(ppp_protocol);
-        return *this;
+        return put16(ppp_protocol);
     }
-    Frame &ethertype(uint16_t type) {  // for link types this builder has no layer of
-        link_type(type);
-        return *this;
-    }
+    // For link types this builder has no layer of.
+    Frame &ethertype(uint16_t type) { return link_type(type); }
     Frame &ipv4(const char *src, const char *dst, const Ipv4Options &o = {}) {
         return ipv4(addr<4>(AF_INET, src).data(), addr<4>(AF_INET, dst).data(), o);
     }
     Frame &ipv4(const uint8_t *src, const uint8_t *dst, const Ipv4Options &o = {}) {
         link_type(0x0800);
         ip_.push_back({b_.size(), 4, o.total_length, o.checksum});
-        put(uint8_t(o.version << 4 | o.ihl));
-        put(0);
-        put16(0);  // total length, filled in by build()
+        put({uint8_t(o.version << 4 | o.ihl), 0, 0, 0});  // total length filled in by build()
         put16(o.id);
         put16(uint16_t((o.dont_fragment ? 0x4000 : 0) | (o.more_fragments ? 0x2000 : 0) |
                        (o.fragment_offset & 0x1FFF)));
         put(o.ttl);
         proto_at_ = b_.size();
-        put(0);
-        put16(0);
+        put({0, 0, 0});  // protocol, checksum
         put(src, src + 4);
         put(dst, dst + 4);
         for (int i = 5; i < o.ihl; i++)
@@ -99,16 +87,13 @@ class Frame {
         put32(0x60000000 | (flow_label & 0xFFFFF));
         put16(0);
         proto_at_ = b_.size();
-        put(0);
-        put(hop_limit);
+        put({0, hop_limit});
         put(src, src + 16);
         put(dst, dst + 16);
-        if (dest_options) {
-            b_[proto_at_] = 60;
-            proto_at_ = b_.size();
-            put({0, 0, 1, 4, 0, 0, 0, 0});  // next header, 8 bytes, PadN
-        }
-        return *this;
+        if (!dest_options) return *this;
+        b_[proto_at_] = 60;
+        proto_at_ = b_.size();
+        return put({0, 0, 1, 4, 0, 0, 0, 0});  // next header, 8 bytes, PadN
     }
     Frame &tcp(uint16_t sport, uint16_t dport, uint8_t flags = 0x10, uint8_t data_offset = 5,
                uint32_t seq = 1000, uint32_t ack = 2000, const TcpOptions &o = {}) {
@@ -117,10 +102,9 @@ class Frame {
         put16(dport);
         put32(seq);
         put32(ack);
-        put(uint8_t(data_offset << 4));
-        put(flags);
+        put({uint8_t(data_offset << 4), flags});
         put16(o.window);
-        put32(0);
+        put32(0);  // checksum, urgent pointer
         const size_t end = b_.size() + 4 * size_t(data_offset > 5 ? data_offset - 5 : 0);
         put(o.options.begin(), o.options.end());
         while (b_.size() < end)
@@ -132,47 +116,26 @@ class Frame {
         udp_.push_back(b_.size());
         put16(sport);
         put16(dport);
-        put16(0);
-        put16(0);
-        return *this;
+        return put32(0);  // length (filled in by build()), checksum
     }
     Frame &icmp(uint8_t type, uint8_t code, uint8_t proto = 1) {
         ip_proto(proto);
-        put({type, code, 0, 0, 0, 1, 0, 1});
-        return *this;
+        return put({type, code, 0, 0, 0, 1, 0, 1});
     }
-    Frame &l4(uint8_t proto) {
-        ip_proto(proto);
-        return *this;
-    }
-    Frame &bytes(std::initializer_list<uint8_t> v) {
-        put(v);
-        return *this;
-    }
-    Frame &payload(size_t n, uint8_t fill = 0x61) {
-        b_.insert(b_.end(), n, fill);
-        return *this;
-    }
-    Frame &payload(std::string_view text) {
-        b_.insert(b_.end(), text.begin(), text.end());
-        return *this;
-    }
-    Frame &payload(const std::vector<uint8_t> &data) {
-        b_.insert(b_.end(), data.begin(), data.end());
-        return *this;
-    }
+    Frame &l4(uint8_t proto) { return ip_proto(proto); }
+    Frame &bytes(std::initializer_list<uint8_t> v) { return put(v); }
+    Frame &payload(size_t n, uint8_t fill = 0x61) { return payload(std::vector<uint8_t>(n, fill)); }
+    Frame &payload(std::string_view text) { return put(text.begin(), text.end()); }
+    Frame &payload(const std::vector<uint8_t> &data) { return put(data.begin(), data.end()); }
     // The finished frame: IPv4 total lengths, IPv6 payload lengths and UDP lengths cover
     // everything behind their header.
     std::vector<uint8_t> build() const {
         std::vector<uint8_t> out = b_;
         for (const IpLayer &ip : ip_) {
-            const size_t rest = out.size() - ip.at;
-            if (ip.version == 4) {
-                set16(out, ip.at + 2,
-                      ip.total_length >= 0 ? uint16_t(ip.total_length) : uint16_t(rest));
-                if (ip.checksum) set16(out, ip.at + 10, ipv4_checksum(out.data() + ip.at));
-            } else
-                set16(out, ip.at + 4, uint16_t(rest - 40));
+            const size_t rest = out.size() - ip.at - (ip.version == 4 ? 0 : 40);
+            set16(out, ip.at + (ip.version == 4 ? 2 : 4),
+                  uint16_t(ip.total_length >= 0 ? size_t(ip.total_length) : rest));
+            if (ip.checksum) set16(out, ip.at + 10, ipv4_checksum(out.data() + ip.at));
         }
         for (size_t at : udp_)
             set16(out, at + 4, uint16_t(out.size() - at));
@@ -195,8 +158,7 @@ class Frame {
   private:
     struct IpLayer {
         size_t at;
-        int version;
-        int total_length;
+        int version, total_length;
         bool checksum;
     };
     template <size_t N>
@@ -213,31 +175,32 @@ class Frame {
             sum = (sum & 0xFFFF) + (sum >> 16);
         return uint16_t(~sum);
     }
-    void link_type(uint16_t type) {
-        if (type_at_ != 0) set16(b_, type_at_, type);
-        type_at_ = 0;
-    }
-    void ip_proto(uint8_t proto) {
-        if (proto_at_ != 0) b_[proto_at_] = proto;
-        proto_at_ = 0;
-    }
     static void set16(std::vector<uint8_t> &v, size_t at, uint16_t x) {
         v[at] = uint8_t(x >> 8);
         v[at + 1] = uint8_t(x);
     }
-    void put(uint8_t x) { b_.push_back(x); }
-    void put(std::initializer_list<uint8_t> v) { b_.insert(b_.end(), v); }
+    // Patches the type field of the link layer before, and of the IP layer before.
+    Frame &link_type(uint16_t type) {
+        if (type_at_ != 0) set16(b_, type_at_, type);
+        type_at_ = 0;
+        return *this;
+    }
+    Frame &ip_proto(uint8_t proto) {
+        if (proto_at_ != 0) b_[proto_at_] = proto;
+        proto_at_ = 0;
+        return *this;
+    }
     template <typename It>
-    void put(It first, It last) {
+    Frame &put(It first, It last) {
         b_.insert(b_.end(), first, last);
+        return *this;
     }
-    void put16(uint16_t x) {
-        put(uint8_t(x >> 8));
-        put(uint8_t(x));
-    }
-    void put32(uint32_t x) {
+    Frame &put(std::initializer_list<uint8_t> v) { return put(v.begin(), v.end()); }
+    Frame &put(uint8_t x) { return put({x}); }
+    Frame &put16(uint16_t x) { return put({uint8_t(x >> 8), uint8_t(x)}); }
+    Frame &put32(uint32_t x) {
         put16(uint16_t(x >> 16));
-        put16(uint16_t(x));
+        return put16(uint16_t(x));
     }
     std::vector<uint8_t> b_;
     std::vector<IpLayer> ip_;

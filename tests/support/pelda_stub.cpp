@@ -8,12 +8,10 @@
 
 namespace pelda_stub {
 
-void reset(uint32_t num_protocols, const std::map<uint16_t, std::string> &names) {
+void reset(const std::map<uint16_t, std::string> &names) {
     script = Script{};
-    for (uint16_t id = 0; id < num_protocols; id++)
+    for (uint16_t id = 0; id < 300; id++)
         script.protocols.push_back(names.contains(id) ? names.at(id) : "P" + std::to_string(id));
-    for (int id = 0; id < PELDA_NUM_CATEGORIES; id++)
-        script.categories.push_back("Cat" + std::to_string(id));
 }
 
 pelda_protocol result(uint16_t master, uint16_t app, uint32_t category, uint32_t state) {
@@ -61,9 +59,7 @@ int pelda_set_config(pelda_detection_module *, const char *, const char *key, co
 int pelda_finalize_initialization(pelda_detection_module *) {
     return 0;
 }
-void pelda_exit_detection_module(pelda_detection_module *) {
-    script.modules_released++;
-}
+void pelda_exit_detection_module(pelda_detection_module *) {}
 uint32_t pelda_detection_get_sizeof_pelda_flow_struct(void) {
     return 1200;
 }
@@ -100,13 +96,7 @@ uint32_t pelda_get_num_protocols(pelda_detection_module *) {
     return uint32_t(script.protocols.size());
 }
 const char *pelda_category_get_name(pelda_detection_module *, uint32_t id) {
-    return id < script.categories.size() ? script.categories[id].c_str() : nullptr;
-}
-int pelda_load_protocols_file(pelda_detection_module *, const char *) {
-    for (uint32_t i = 0; script.load_protocols_result >= 0 && i < script.protocols_added_by_load;
-         i++)
-        script.protocols.push_back("Custom" + std::to_string(i));
-    return script.load_protocols_result;
+    return script.strings.emplace_back("Cat" + std::to_string(id)).c_str();
 }
 
 }  // extern "C"

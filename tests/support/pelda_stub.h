@@ -1,6 +1,6 @@
-// A scripted detection engine: it defines the engine functions the library references weakly, so
-// a test linked with it (instead of the engine) controls every detection result, name and file
-// load.
+// A scripted detection engine: it defines those of the engine functions the library references
+// weakly that the tests reach, so a test linked with it (instead of the engine) controls every
+// detection result and name.
 #pragma once
 
 #include <deque>
@@ -26,24 +26,21 @@ struct Answer {
 };
 
 struct Script {
-    uint32_t api_version = PELDA_API_VERSION;
-    std::vector<std::string> protocols, categories;  // names by id
-    std::deque<Answer> answers;                      // of the packets in turn; then 0/0
+    uint32_t api_version = 0x50000 | PELDA_API_VERSION;  // only its low 16 bits are the revision
+    std::vector<std::string> protocols;                  // names by id
+    std::deque<Answer> answers;                          // of the packets in turn; then 0/0
     Answer giveup, guess;
-    int load_protocols_result = 0;
-    uint32_t protocols_added_by_load = 0;
     // What the library did.
     std::string config;  // "key=value;" of each setting
-    int modules_created = 0, modules_released = 0, process_calls = 0, giveup_calls = 0;
-    int guess_calls = 0;
+    int modules_created = 0, process_calls = 0, giveup_calls = 0, guess_calls = 0;
     uint32_t first_length = 0;        // bytes handed over with the first packet
     std::deque<std::string> strings;  // pointed at by flow objects
 };
 
 inline Script script;
 
-// A script with protocols P0 ... except those named, and categories Cat0 ...
-void reset(uint32_t num_protocols = 300, const std::map<uint16_t, std::string> &names = {});
+// A script with protocols P0 ... P299 except those named, and categories Cat0 ...
+void reset(const std::map<uint16_t, std::string> &names = {});
 pelda_protocol result(uint16_t master, uint16_t app, uint32_t category = 0, uint32_t state = 0);
 
 }  // namespace pelda_stub
