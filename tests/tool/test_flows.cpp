@@ -5,7 +5,6 @@
 
 #include <algorithm>
 
-#include "capture_file.h"
 #include "packet_builder.h"
 #include "tool_runner.h"
 
@@ -15,6 +14,12 @@ namespace {
 using ::testing::HasSubstr;
 
 const std::string kSample = QUELM_SAMPLES_DIR "/demo.pcap";
+constexpr uint32_t kLinkEthernet = 1;
+
+struct CapturedPacket {
+    int64_t sec = 0, usec = 0;
+    std::vector<uint8_t> data;
+};
 
 CapturedPacket at(int64_t sec, int64_t usec, const Frame &frame) {
     return {sec, usec, frame.build()};
@@ -45,9 +50,22 @@ Frame udp_from(uint16_t sport, uint16_t vlan = 0, const Mac &mac = kClientMac) {
 
 class FlowsTool : public ::testing::Test {
   protected:
+    // A classic pcap file of the folder, in the machine's byte order (readers tell it from the
+    // magic number); `cut_last` drops that many bytes from its end, to make it truncated.
     std::string capture(const std::string &name, const std::vector<CapturedPacket> &packets,
                         uint32_t link_type = kLinkEthernet, size_t cut_last = 0) {
-        write_pcap(tool.path(name), packets, link_type, cut_last);
+        std::string b;
+        auto put = [&b](std::initializer_list<uint32_t> words) {
+            for (uint32_t v : words)
+                b.append(reinterpret_cast<const char *>(&v), 4);
+        };
+        put({0xA1B2C3D4, 0x00040002, 0, 0, 262144, link_type});  // version 2.4, snapshot length
+        for (const CapturedPacket &p : packets) {
+            put({uint32_t(p.sec), uint32_t(p.usec), uint32_t(p.data.size()),
+                 uint32_t(p.data.size())});
+            b.append(p.data.begin(), p.data.end());
+        }
+        std::ofstream(tool.path(name), std::ios::binary) << b.substr(0, b.size() - cut_last);
         return tool.path(name);
     }
     ToolRunner tool;
@@ -162,8 +180,8 @@ TEST_F(FlowsTool, FlowsEndAsConfigured) {
     for (const auto &c : cases) {
         const std::string in = capture("in.pcap", c.packets);
         const size_t half = std::min<size_t>(3, c.packets.size());
-        write_pcap(tool.path("head.pcap"), {c.packets.begin(), c.packets.begin() + half});
-        write_pcap(tool.path("tail.pcap"), {c.packets.begin() + half, c.packets.end()});
+        capture("head.pcap", {c.packets.begin(), c.packets.begin() + half});
+        capture("tail.pcap", {c.packets.begin() + half, c.packets.end()});
         const ToolResult r = tool.run(tool.words(std::string("flows --format json ") + c.args), in);
         std::vector<std::string> got, expected = c.expected;
         for (const Json &rec : r.records())
