@@ -34,8 +34,8 @@ const wire::Field &field(uint32_t id) {
 class Collector {
   public:
     Collector(const std::string &mode, const std::string &where, const std::string &key) {
-        pid_ = tool_.start(
-            {"collect", mode, where, "--secret-key", key + ".key", "-w", tool_.path("out")});
+        pid_ = tool_.spawn({QUELM_TOOL_PATH, "collect", mode, where, "--secret-key", key + ".key",
+                            "-w", tool_.path("out")});
         // "quelm collect: listening on tcp://127.0.0.1:41234; Ctrl-C ends", once it is.
         EXPECT_TRUE(tool_.wait_for("stderr", "; Ctrl-C ends"));
         const std::string err = tool_.read("stderr");
@@ -46,12 +46,6 @@ class Collector {
         if (pid_ > 0) stop();
     }
     std::string output() const { return tool_.read("out"); }
-    size_t flow_records() const {  // by lines: the last one may be on its way, not yet JSON
-        const std::vector<std::string> lines = split_lines(output());
-        return std::count_if(lines.begin(), lines.end(), [](const std::string &l) {
-            return l.starts_with(R"({"event_type":"flow")");
-        });
-    }
     ToolResult stop() {  // SIGINT, as a user would; the summary is on standard error
         kill(pid_, SIGINT);
         const ToolResult r = tool_.finish(pid_);
@@ -92,20 +86,19 @@ std::multiset<std::string> flows_of(const std::vector<Json> &records, bool colle
 class Export : public ::testing::Test {
   protected:
     void SetUp() override { ASSERT_EQ(tool.run({"keygen", "-o", "k"}).exit_code, 0); }
-    // `quelm flows` over the sample, exporting to `endpoint` for the holder of `key`.key.
-    pid_t send(const std::string &endpoint, const std::string &options,
-               const std::string &key = "k") const {
-        return tool.start(tool.words(
-            "flows -r SAMPLE --zmq END --zmq-server-key KEY " + options,
-            {{"SAMPLE", kSample}, {"END", endpoint}, {"KEY", "@" + tool.path(key) + ".pub"}}));
+    // `quelm flows` over the sample, exporting to `endpoint` for the holder of k.key.
+    pid_t send(const std::string &endpoint, const std::string &options) const {
+        return tool.spawn(
+            tool.words("QUELM flows -r SAMPLE --zmq END --zmq-server-key @k.pub " + options,
+                       {{"QUELM", QUELM_TOOL_PATH}, {"SAMPLE", kSample}, {"END", endpoint}}));
     }
     ToolRunner tool;
     const std::string key = tool.path("k");
 };
 
 // Both ways of connecting, both formats: the collector gets every flow the table wrote, with the
-// same counters and the protocol's name, and one statistics record. An exporter that connects
-// waits for its collector: one that starts after it loses nothing.
+// same counters, and one statistics record. An exporter that connects waits for its collector: one
+// that starts after it loses nothing.
 TEST_F(Export, CollectorRecordsEqualTheWrittenFlows) {
     int run = 0;
     for (const char *mode : {"--zmq-connect --zmq-format tlv", "--zmq-connect --zmq-format json",
@@ -124,8 +117,10 @@ TEST_F(Export, CollectorRecordsEqualTheWrittenFlows) {
         const ToolResult sent = tool.finish(sender);
         ASSERT_EQ(sent.exit_code, 0) << sent.err;
         const std::vector<Json> written = json_lines(tool.read("flows.json"));
-        ASSERT_GT(written.size(), 40u);
-        EXPECT_TRUE(eventually([&] { return collector->flow_records() >= written.size(); }));
+        EXPECT_TRUE(eventually([&] {  // every flow and the statistics record, in whole lines
+            const std::string out = collector->output();
+            return size_t(std::count(out.begin(), out.end(), '\n')) > written.size();
+        }));
         const ToolResult done = collector->stop();
         EXPECT_EQ(done.exit_code, 0) << done.err;
         EXPECT_THAT(done.err, HasSubstr(" 0 messages lost, 0 malformed"));
@@ -133,8 +128,6 @@ TEST_F(Export, CollectorRecordsEqualTheWrittenFlows) {
         EXPECT_EQ(flows_of(received, true), flows_of(written, false));
         size_t stats = 0;
         for (const Json &r : received) {
-            // The protocol ids travel with their name.
-            EXPECT_TRUE(r.value("l7_proto", "") != "7.7" || r["l7_proto_name"] == "HTTP");
             if (r["event_type"] != "stats") continue;
             EXPECT_EQ(r["iface"]["name"], "file");
             EXPECT_GT(r["packets"], 300);

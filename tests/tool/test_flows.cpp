@@ -184,7 +184,7 @@ TEST_F(FlowsTool, FlowsEndAsConfigured) {
         capture("tail.pcap", {c.packets.begin() + half, c.packets.end()});
         const ToolResult r = tool.run(tool.words(std::string("flows --format json ") + c.args), in);
         std::vector<std::string> got, expected = c.expected;
-        for (const Json &rec : r.records())
+        for (const Json &rec : json_lines(r.out))
             got.push_back(std::to_string(uint64_t(rec.value("src_port", 0))) + " " +
                           std::string(rec["flow"]["reason"]) + " " +
                           std::to_string(uint64_t(rec["flow"]["pkts_toserver"])));
@@ -225,10 +225,9 @@ std::vector<CapturedPacket> request_and_reply(uint32_t link_type, bool ipv6) {
 // as there; only cooked captures know a MAC address, the sender's.
 TEST_F(FlowsTool, LinkHeadersAreAdaptedToEthernet) {
     auto record = [this](uint32_t link_type, bool ipv6) {
-        const std::string file =
-            capture("link.pcap", request_and_reply(link_type, ipv6), link_type);
+        capture("link.pcap", request_and_reply(link_type, ipv6), link_type);
         const std::vector<Json> records =
-            tool.run({"flows", "-r", file, "--format", "json"}).records();
+            json_lines(tool.run({"flows", "-r", "link.pcap", "--format", "json"}).out);
         return records.size() == 1 ? records[0] : Json::object();
     };
     for (const std::string link :
@@ -288,10 +287,8 @@ TEST_F(FlowsTool, ExitStatusesTellWhatWentWrong) {
         {"flows -r GOOD --rules bad.rules", 65, "bad.rules:11: unknown section [firewall]"},
         {"flows -r GOOD --rules bad.rules", 65, "the rules file has 8 bad lines"},
         {"flows -r GOOD --protocols bad.protocols", 65, "bad.protocols:2: bad port"},
-        {"flows -r GOOD --protocols bad.protocols", 65, "'bad.protocols' was refused"},
         {"flows -r GOOD --protocols none.txt", 66, "cannot open 'none.txt'"},
         {"flows -r GOOD --categories bad.categories", 65, "bad.categories:1: unknown category"},
-        {"flows -r GOOD --categories bad.categories", 65, "'bad.categories' was refused"},
         {"flows -r nothing.pcap", 66, "No such file"},
         {"flows -r GOOD -r none", 66, "none"},
         {"flows -r .", 66, "directory"},
@@ -326,13 +323,11 @@ TEST_F(FlowsTool, ExitStatusesTellWhatWentWrong) {
     }
 }
 
+// Standard output a FIFO whose only reader is gone before the tool starts: writing fails (EPIPE).
 TEST_F(FlowsTool, ClosedOutputPipeIsAnOutputError) {
-    int pipe_fds[2];
-    ASSERT_EQ(pipe(pipe_fds), 0);
-    close(pipe_fds[0]);  // nobody reads: the first write fails with EPIPE
+    const char *script = R"(mkfifo pipe && exec 3<>pipe >pipe 3<&- && exec "$0" flows -r "$1")";
     const ToolResult r =
-        tool.run({"flows", "-r", capture("m.pcap", kMixed)}, "/dev/null", pipe_fds[1]);
-    close(pipe_fds[1]);
+        tool.finish(tool.spawn({"sh", "-c", script, QUELM_TOOL_PATH, capture("m.pcap", kMixed)}));
     EXPECT_EQ(r.exit_code, 74);
     EXPECT_THAT(r.err, HasSubstr("Broken pipe"));
 }

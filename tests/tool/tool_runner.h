@@ -71,7 +71,6 @@ inline void expect_baseline(const std::string &name, const std::string &text) {
 struct ToolResult {
     int exit_code = -1;  // 128 + signal number when the program was killed
     std::string out, err;
-    std::vector<Json> records() const { return json_lines(out); }
 };
 
 class ToolRunner {
@@ -101,16 +100,14 @@ class ToolRunner {
         return result;
     }
 
-    // Starts a program in the scratch folder (relative names are its files) and returns its pid;
-    // `stdout_fd` >= 0 replaces the output file.
-    pid_t spawn(std::vector<std::string> args, const std::string &stdin_path = "/dev/null",
-                int stdout_fd = -1) const {
+    // Starts a program in the scratch folder (relative names are its files) and returns its pid.
+    pid_t spawn(std::vector<std::string> args, const std::string &stdin_path = "/dev/null") const {
         std::vector<char *> argv;
         for (std::string &a : args)
             argv.push_back(a.data());
         argv.push_back(nullptr);
         const int in = open(stdin_path.c_str(), O_RDONLY | O_CLOEXEC);
-        const int out = stdout_fd >= 0 ? stdout_fd : open(path("stdout").c_str(), kCreate, 0644);
+        const int out = open(path("stdout").c_str(), kCreate, 0644);
         const int err = open(path("stderr").c_str(), kCreate, 0644);
         const pid_t pid = fork();
         if (pid == 0) {
@@ -119,18 +116,14 @@ class ToolRunner {
             execvp(argv[0], argv.data());
             _exit(127);
         }
-        close(in), close(err);
-        if (stdout_fd < 0) close(out);
+        close(in), close(out), close(err);
         return pid;
     }
-    pid_t start(std::vector<std::string> args, const std::string &stdin_path = "/dev/null",
-                int stdout_fd = -1) const {
+    // Runs quelm with `args` to its end.
+    ToolResult run(std::vector<std::string> args,
+                   const std::string &stdin_path = "/dev/null") const {
         args.insert(args.begin(), QUELM_TOOL_PATH);
-        return spawn(args, stdin_path, stdout_fd);
-    }
-    ToolResult run(const std::vector<std::string> &args,
-                   const std::string &stdin_path = "/dev/null", int stdout_fd = -1) const {
-        return finish(start(args, stdin_path, stdout_fd));
+        return finish(spawn(args, stdin_path));
     }
     ToolResult finish(pid_t pid) const {
         ToolResult r;
