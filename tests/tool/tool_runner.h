@@ -28,14 +28,6 @@ inline std::string read_file(const std::string &path) {
     return s.str();
 }
 
-inline std::vector<std::string> split_lines(const std::string &text) {
-    std::vector<std::string> result;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);)
-        result.push_back(line);
-    return result;
-}
-
 // A value as the tests compare it: strings without their quotes.
 inline std::string text(const Json &v) {
     return v.is_string() ? std::string(v) : v.dump();
@@ -44,7 +36,8 @@ inline std::string text(const Json &v) {
 // Every line parsed as JSON: a line that is not valid JSON throws, so parsing also checks it.
 inline std::vector<Json> json_lines(const std::string &text) {
     std::vector<Json> result;
-    for (const std::string &line : split_lines(text))
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
         result.push_back(Json::parse(line));
     return result;
 }
