@@ -1,5 +1,4 @@
-// Detection on real captures, beyond the bundled sample's baselines, and the record writer's
-// limits.
+// Detection on real captures, beyond the sample's baselines, and the record writer's limits.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

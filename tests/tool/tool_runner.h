@@ -76,7 +76,6 @@ class ToolRunner {
 
     std::string path(const std::string &name) const { return dir_ + "/" + name; }
     std::string read(const std::string &name) const { return read_file(path(name)); }
-    // Waits until the file `name` of the folder holds `text`.
     bool wait_for(const std::string &name, const std::string &text) const {
         return eventually([&] { return read(name).find(text) != std::string::npos; });
     }
@@ -112,7 +111,6 @@ class ToolRunner {
         close(in), close(out), close(err);
         return pid;
     }
-    // Runs quelm with `args` to its end.
     ToolResult run(std::vector<std::string> args,
                    const std::string &stdin_path = "/dev/null") const {
         args.insert(args.begin(), QUELM_TOOL_PATH);
