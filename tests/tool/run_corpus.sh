@@ -1,8 +1,7 @@
 #!/usr/bin/env bash
-# Runs `quelm flows` over the captures of FOLDER (many malformed on purpose): each run must end with
-# 0 (read) or 65 (damaged or unsupported) and print no sanitizer report. Usage: run_corpus.sh QUELM
-# FOLDER [PART PARTS] runs every PARTS-th capture from the PART-th, so that parts run side by side;
-# exit 77 (skipped) without the folder. JSON, slices, tunnels and answers exercise the most code.
+# Usage: run_corpus.sh QUELM FOLDER [PART PARTS]. Runs `quelm flows` over every PARTS-th capture of
+# FOLDER from the PART-th (many malformed on purpose), with the options that exercise the most code:
+# each run must end with 0 (read) or 65 (damaged or unsupported) and report no sanitizer error.
 set -u
 tool=$1 folder=$2 part=${3:-0} parts=${4:-1}
 [[ -d $folder ]] || { echo "skipped: no capture folder at $folder"; exit 77; }

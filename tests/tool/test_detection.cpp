@@ -1,5 +1,4 @@
-// Detection on real captures, beyond the bundled sample's baselines, and the record writer's
-// limits.
+// Detection on real captures, beyond the sample's baselines, and the record writer's limits.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -33,7 +32,7 @@ TEST(DetectionCorpus, RealCapturesGetTheProtocolsAnAnalystWouldName) {
         const ToolResult r =
             tool.run({"flows", "-r", kCorpus + file, "--format", "json", "--extra-dissection"});
         std::string got;
-        for (const Json &rec : r.records()) {
+        for (const Json &rec : json_lines(r.out)) {
             got += "\n" + file + " " + text(rec["proto"]) + " " + text(rec["dest_ip"]) + ":" +
                    text(rec.value("dest_port", 0)) + " " + text(rec["app_proto"]);
             for (const Json::json_pointer &answer :

@@ -1,11 +1,11 @@
-// End-to-end tests of `quelm flows` and of the exit statuses of every command: generated captures
-// and the bundled sample go in, records and exit codes come out.
+// End-to-end tests of `quelm flows` and of the exit statuses of every command: generated captures,
+// the bundled sample and live traffic go in, records and exit codes come out.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 
 #include <algorithm>
 
-#include "capture_file.h"
 #include "packet_builder.h"
 #include "tool_runner.h"
 
@@ -15,6 +15,12 @@ namespace {
 using ::testing::HasSubstr;
 
 const std::string kSample = QUELM_SAMPLES_DIR "/demo.pcap";
+constexpr uint32_t kLinkEthernet = 1;
+
+struct CapturedPacket {
+    int64_t sec = 0, usec = 0;
+    std::vector<uint8_t> data;
+};
 
 CapturedPacket at(int64_t sec, int64_t usec, const Frame &frame) {
     return {sec, usec, frame.build()};
@@ -36,24 +42,36 @@ const std::vector<CapturedPacket> kMixed = {
     at(1000, 700000, Frame().eth().vlan(100).ipv4("192.168.1.1", "192.168.1.2").udp(1000, 2000)),
     at(1001, 0, tcp(false, 0x11))};
 
-Frame udp_from(uint16_t sport, uint16_t vlan = 0, const Mac &mac = kClientMac) {
+CapturedPacket u(int64_t sec, uint16_t sport, uint16_t vlan = 0, const Mac &mac = kClientMac) {
     Frame f;
     f.eth(mac);
     if (vlan != 0) f.vlan(vlan);
-    return f.ipv4("10.0.0.1", "10.0.0.2").udp(sport, 7);
+    return at(sec, 0, f.ipv4("10.0.0.1", "10.0.0.2").udp(sport, 7));
 }
 
 class FlowsTool : public ::testing::Test {
   protected:
+    // A classic pcap file of the folder, in the machine's byte order (readers tell it from the
+    // magic number); `cut_last` drops that many bytes from its end, to make it truncated.
     std::string capture(const std::string &name, const std::vector<CapturedPacket> &packets,
                         uint32_t link_type = kLinkEthernet, size_t cut_last = 0) {
-        write_pcap(tool.path(name), packets, link_type, cut_last);
+        std::string b;
+        auto put = [&b](std::initializer_list<uint32_t> words) {
+            for (uint32_t v : words)
+                b.append(reinterpret_cast<const char *>(&v), 4);
+        };
+        put({0xA1B2C3D4, 0x00040002, 0, 0, 262144, link_type});  // version 2.4, snapshot length
+        for (const CapturedPacket &p : packets) {
+            put({uint32_t(p.sec), uint32_t(p.usec), uint32_t(p.data.size()),
+                 uint32_t(p.data.size())});
+            b.append(p.data.begin(), p.data.end());
+        }
+        std::ofstream(tool.path(name), std::ios::binary) << b.substr(0, b.size() - cut_last);
         return tool.path(name);
     }
     ToolRunner tool;
 };
 
-// The whole output, so that a missing, extra or changed flow or field fails (expect_baseline).
 TEST_F(FlowsTool, OutputsEqualTheirBaselines) {
     capture("mixed.pcap", kMixed);
     capture("cut.pcap", kMixed, kLinkEthernet, 10);
@@ -61,9 +79,8 @@ TEST_F(FlowsTool, OutputsEqualTheirBaselines) {
     vxlan.eth().ipv4("192.0.2.1", "192.0.2.2").udp(40000, 4789).bytes({8, 0, 0, 0, 0, 0, 42, 0});
     capture("vxlan.pcap", {at(1, 0, vxlan.eth().ipv4("10.9.0.1", "10.9.0.2").tcp(1234, 443, 2))});
     // A TCP flow to the SMTP port whose payload is no protocol: SMTP is guessed from the port.
-    const Frame opaque =
-        Frame().eth().ipv4("10.0.0.1", "10.0.0.2").tcp(40000, 25, 0x18).payload(30);
-    capture("smtp.pcap", {at(1, 0, opaque), at(1, 1, opaque), at(1, 2, opaque)});
+    const Frame smtp = Frame().eth().ipv4("10.0.0.1", "10.0.0.2").tcp(40000, 25, 0x18).payload(30);
+    capture("smtp.pcap", {at(1, 0, smtp), at(1, 1, smtp), at(1, 2, smtp)});
     tool.write("limits.conf", "[global]\ndpi_min_num_tcp_packets = 50\n");
     tool.write("rules.conf",
                "# drop the web\n[filter]\nHTTP = discard\nDNS = forward\n\n[shunt]\n"
@@ -100,13 +117,11 @@ TEST_F(FlowsTool, OutputsEqualTheirBaselines) {
     };
     for (const auto &[baseline, line] : cases) {
         const ToolResult r = tool.run(tool.words(line, {{"SAMPLE", kSample}}));
-        ASSERT_EQ(r.exit_code, std::string(baseline) == "cut.json" ? 65 : 0)
-            << line << ": " << r.err;
+        ASSERT_EQ(r.exit_code, std::string(baseline) == "cut.json" ? 65 : 0) << line << r.err;
         std::string out = r.out;
-        if (std::string(baseline).ends_with(".err"))
-            for (const std::string &line : split_lines(r.err))
-                if (line.rfind("elapsed", 0) != 0 && line.rfind("packets per second", 0) != 0)
-                    out += line + "\n";
+        std::istringstream err(r.err);
+        for (std::string l; std::string(baseline).ends_with(".err") && std::getline(err, l);)
+            if (!l.starts_with("elapsed") && !l.starts_with("packets per second")) out += l + "\n";
         expect_baseline(baseline, out);
     }
 }
@@ -115,7 +130,7 @@ std::vector<CapturedPacket> one_per_second(int64_t from, int64_t to, uint16_t po
     std::vector<CapturedPacket> packets;
     for (int64_t t = from; t <= to; t++)
         for (uint16_t port = 1; port <= ports; port++)
-            packets.push_back(at(t, port, udp_from(port)));
+            packets.push_back(u(t, port));
     return packets;
 }
 
@@ -128,12 +143,8 @@ std::vector<std::string> every_port(uint16_t ports, const std::string &record) {
 
 // Expiry, table settings, inputs and filters.
 TEST_F(FlowsTool, FlowsEndAsConfigured) {
-    const CapturedPacket vlan10 = at(1, 0, udp_from(1, 10)), vlan20 = at(1, 1, udp_from(1, 20));
-    const CapturedPacket mac_a = at(1, 0, udp_from(1, 0, kClientMac));
-    const CapturedPacket mac_b = at(1, 1, udp_from(1, 0, kServerMac));
     const std::vector<std::string> mixed = {"40000 flush 2", "5353 flush 1", "0 flush 1",
                                             "1000 flush 1"};
-    auto u = [](int64_t sec, uint16_t sport) { return at(sec, 0, udp_from(sport)); };
     const struct {
         const char *args;  // in.pcap holds the packets; head.pcap and tail.pcap, split after 3
         std::vector<CapturedPacket> packets;
@@ -147,10 +158,10 @@ TEST_F(FlowsTool, FlowsEndAsConfigured) {
          {u(100, 1), u(110, 1), u(111, 1)},
          {"1 lifetime 2", "1 flush 1"}},
         {"-r in.pcap --slice 5", one_per_second(100, 112), {"1 slice 6", "1 slice 6", "1 flush 1"}},
-        {"-r in.pcap", {vlan10, vlan20}, {"1 flush 1", "1 flush 1"}},
-        {"-r in.pcap --ignore-vlan", {vlan10, vlan20}, {"1 flush 2"}},
-        {"-r in.pcap", {mac_a, mac_b}, {"1 flush 2"}},
-        {"-r in.pcap --mac-in-key", {mac_a, mac_b}, {"1 flush 1", "1 flush 1"}},
+        {"-r in.pcap", {u(1, 1, 10), u(1, 1, 20)}, {"1 flush 1", "1 flush 1"}},
+        {"-r in.pcap --ignore-vlan", {u(1, 1, 10), u(1, 1, 20)}, {"1 flush 2"}},
+        {"-r in.pcap", {u(1, 1), u(1, 1, 0, kServerMac)}, {"1 flush 2"}},
+        {"-r in.pcap --mac-in-key", {u(1, 1), u(1, 1, 0, kServerMac)}, {"1 flush 1", "1 flush 1"}},
         {"-r in.pcap -c 3", one_per_second(100, 110), {"1 flush 3"}},
         {"-r in.pcap udp and src port 2", {u(1, 1), u(1, 2), u(1, 2)}, {"2 flush 2"}},
         {"-r in.pcap -F tcp.bpf", kMixed, {"40000 flush 2"}},
@@ -162,14 +173,13 @@ TEST_F(FlowsTool, FlowsEndAsConfigured) {
     for (const auto &c : cases) {
         const std::string in = capture("in.pcap", c.packets);
         const size_t half = std::min<size_t>(3, c.packets.size());
-        write_pcap(tool.path("head.pcap"), {c.packets.begin(), c.packets.begin() + half});
-        write_pcap(tool.path("tail.pcap"), {c.packets.begin() + half, c.packets.end()});
+        capture("head.pcap", {c.packets.begin(), c.packets.begin() + half});
+        capture("tail.pcap", {c.packets.begin() + half, c.packets.end()});
         const ToolResult r = tool.run(tool.words(std::string("flows --format json ") + c.args), in);
         std::vector<std::string> got, expected = c.expected;
-        for (const Json &rec : r.records())
-            got.push_back(std::to_string(uint64_t(rec.value("src_port", 0))) + " " +
-                          std::string(rec["flow"]["reason"]) + " " +
-                          std::to_string(uint64_t(rec["flow"]["pkts_toserver"])));
+        for (const Json &rec : json_lines(r.out))
+            got.push_back(text(rec.value("src_port", 0)) + " " + text(rec["flow"]["reason"]) + " " +
+                          text(rec["flow"]["pkts_toserver"]));
         std::sort(got.begin(), got.end());
         std::sort(expected.begin(), expected.end());
         EXPECT_EQ(got, expected) << c.args << "\n" << r.err << r.out;
@@ -188,14 +198,12 @@ std::vector<CapturedPacket> request_and_reply(uint32_t link_type, bool ipv6) {
         f.udp(up ? 5000 : 53, up ? 53 : 5000).payload(12);
         const uint8_t hi = ipv6 ? 0x86 : 0x08, lo = ipv6 ? 0xDD : 0, mac = up ? 0x0A : 0x0B;
         const uint8_t out = up ? 4 : 0;  // cooked: sent by this host, or received
-        std::vector<uint8_t> data =
-            link_type == 113
-                ? std::vector<uint8_t>{0, out, 0, 1, 0, 6, 2, 0, 0, 0, 0, mac, 0, 0, hi, lo}
-            : link_type == 276 ? std::vector<uint8_t>{hi,  lo, 0, 0, 0, 0, 0, 3,   0, 1,
-                                                      out, 6,  2, 0, 0, 0, 0, mac, 0, 0}
-            : link_type == 0 ? std::vector<uint8_t>{uint8_t(ipv6 ? 10 : 2), 0, 0, 0}  // host order
-            : link_type == 108 ? std::vector<uint8_t>{0, 0, 0, uint8_t(ipv6 ? 24 : 2)}
-                               : std::vector<uint8_t>{};
+        std::map<uint32_t, std::vector<uint8_t>> headers = {
+            {113, {0, out, 0, 1, 0, 6, 2, 0, 0, 0, 0, mac, 0, 0, hi, lo}},
+            {276, {hi, lo, 0, 0, 0, 0, 0, 3, 0, 1, out, 6, 2, 0, 0, 0, 0, mac, 0, 0}},
+            {0, {uint8_t(ipv6 ? 10 : 2), 0, 0, 0}},  // the address family, in host order
+            {108, {0, 0, 0, uint8_t(ipv6 ? 24 : 2)}}};
+        std::vector<uint8_t> &data = headers[link_type];  // none for Ethernet and raw IP
         const std::vector<uint8_t> rest = link_type == kLinkEthernet ? f.build() : f.build_ip();
         data.insert(data.end(), rest.begin(), rest.end());
         packets.push_back({7, up ? 0 : 5, data});
@@ -207,10 +215,9 @@ std::vector<CapturedPacket> request_and_reply(uint32_t link_type, bool ipv6) {
 // as there; only cooked captures know a MAC address, the sender's.
 TEST_F(FlowsTool, LinkHeadersAreAdaptedToEthernet) {
     auto record = [this](uint32_t link_type, bool ipv6) {
-        const std::string file =
-            capture("link.pcap", request_and_reply(link_type, ipv6), link_type);
+        capture("link.pcap", request_and_reply(link_type, ipv6), link_type);
         const std::vector<Json> records =
-            tool.run({"flows", "-r", file, "--format", "json"}).records();
+            json_lines(tool.run({"flows", "-r", "link.pcap", "--format", "json"}).out);
         return records.size() == 1 ? records[0] : Json::object();
     };
     for (const std::string link :
@@ -270,10 +277,8 @@ TEST_F(FlowsTool, ExitStatusesTellWhatWentWrong) {
         {"flows -r GOOD --rules bad.rules", 65, "bad.rules:11: unknown section [firewall]"},
         {"flows -r GOOD --rules bad.rules", 65, "the rules file has 8 bad lines"},
         {"flows -r GOOD --protocols bad.protocols", 65, "bad.protocols:2: bad port"},
-        {"flows -r GOOD --protocols bad.protocols", 65, "'bad.protocols' was refused"},
         {"flows -r GOOD --protocols none.txt", 66, "cannot open 'none.txt'"},
         {"flows -r GOOD --categories bad.categories", 65, "bad.categories:1: unknown category"},
-        {"flows -r GOOD --categories bad.categories", 65, "'bad.categories' was refused"},
         {"flows -r nothing.pcap", 66, "No such file"},
         {"flows -r GOOD -r none", 66, "none"},
         {"flows -r .", 66, "directory"},
@@ -284,8 +289,7 @@ TEST_F(FlowsTool, ExitStatusesTellWhatWentWrong) {
         {"flows -r cut.pcap -w /dev/null", 65, "damaged after 6 packets"},
         {"flows -r GOOD -w no/out", 74, "cannot create"},
         {"flows -r GOOD -w /dev/full", 74, "No space left"},
-        {"flows -r GOOD --zmq ANY --zmq-server-key tooshort", 64,
-         "Bad ZMQ server public key size (8 != 40)"},
+        {"flows -r GOOD --zmq ANY --zmq-server-key tooshort", 64, "key size (8 != 40)"},
         {"flows -r GOOD --zmq ANY --zmq-server-key NOKEY", 64,
          "(22)\nquelm flows: the server key is not a CURVE public key"},
         {"flows -r GOOD --zmq ANY --zmq-server-key @no.pub", 66, "cannot open the key file"},
@@ -299,7 +303,7 @@ TEST_F(FlowsTool, ExitStatusesTellWhatWentWrong) {
         {"collect --bind ANY --secret-key k.key -w no/out", 74, "no/out"},
     };
     for (const auto &[line, exit_code, message] : cases) {
-        const ToolResult r = tool.run(tool.words(line, {{"GOOD", tool.path("good.pcap")},
+        const ToolResult r = tool.run(tool.words(line, {{"GOOD", "good.pcap"},
                                                         {"ANY", "tcp://127.0.0.1:*"},
                                                         {"NOKEY", std::string(40, '~')}}));
         EXPECT_EQ(r.exit_code, exit_code) << line << "\n" << r.err;
@@ -308,15 +312,52 @@ TEST_F(FlowsTool, ExitStatusesTellWhatWentWrong) {
     }
 }
 
+// Standard output a FIFO whose only reader is gone before the tool starts: writing fails (EPIPE).
 TEST_F(FlowsTool, ClosedOutputPipeIsAnOutputError) {
-    int pipe_fds[2];
-    ASSERT_EQ(pipe(pipe_fds), 0);
-    close(pipe_fds[0]);  // nobody reads: the first write fails with EPIPE
+    const char *script = R"(mkfifo pipe && exec 3<>pipe >pipe 3<&- && exec "$0" flows -r "$1")";
     const ToolResult r =
-        tool.run({"flows", "-r", capture("m.pcap", kMixed)}, "/dev/null", pipe_fds[1]);
-    close(pipe_fds[1]);
+        tool.finish(tool.spawn({"sh", "-c", script, QUELM_TOOL_PATH, capture("m.pcap", kMixed)}));
     EXPECT_EQ(r.exit_code, 74);
     EXPECT_THAT(r.err, HasSubstr("Broken pipe"));
+}
+
+bool shell(const std::string &command) {
+    return system(command.c_str()) == 0;
+}
+
+// Live capture on the loopback of a network namespace that the test makes (root only): idle flows
+// end while the link is quiet, and SIGINT writes the flows still open and exits cleanly.
+TEST(LiveCapture, QuietLinkExpiresIdleFlowsAndInterruptFlushesTheRest) {
+    if (geteuid() != 0) GTEST_SKIP() << "live capture in a network namespace needs root";
+    const std::string ns = "quelm-tool-test-" + std::to_string(getpid());
+    if (!shell("ip netns add " + ns + " 2>/dev/null && ip -n " + ns + " link set lo up"))
+        GTEST_SKIP() << "cannot make a network namespace (ip netns)";
+    ToolRunner tool, pinger;
+    const pid_t pid =
+        tool.spawn({"ip", "netns", "exec", ns, QUELM_TOOL_PATH, "flows", "-i", "lo", "--idle", "1",
+                    "--lifetime", "1", "--format", "json", "-w", tool.path("flows.json")});
+    EXPECT_TRUE(tool.wait_for("stderr", "capturing on")) << tool.read("stderr");
+    // One datagram that nothing follows: only the wall clock can end it.
+    EXPECT_TRUE(shell("ip netns exec " + ns + " bash -c 'echo hello >/dev/udp/127.0.0.1/9999'"));
+    const bool expired = tool.wait_for("flows.json", "\"dest_port\":9999");
+    // Then echoes every 0.2 s: a flow that never idles. Its first record (lifetime) shows that the
+    // tool reads them, and that the packet which ended it opened the flow that SIGINT must write.
+    const pid_t pinging =
+        pinger.spawn({"ip", "netns", "exec", ns, "ping", "-i", "0.2", "127.0.0.1"});
+    EXPECT_TRUE(tool.wait_for("flows.json", "\"lifetime\""));
+    kill(pid, SIGINT);
+    const ToolResult r = tool.finish(pid);
+    kill(pinging, SIGINT);
+    pinger.finish(pinging);
+    EXPECT_TRUE(shell("ip netns delete " + ns));
+    EXPECT_TRUE(expired) << "the idle flow was not written while the link was quiet";
+    EXPECT_EQ(r.exit_code, 0) << r.err;
+    int idle = 0, flushed = 0;
+    for (const Json &rec : json_lines(tool.read("flows.json"))) {
+        idle += rec.value("dest_port", 0) == 9999 && rec["flow"]["reason"] == "idle";
+        flushed += rec.value("icmp_type", -1) == 8 && rec["flow"]["reason"] == "flush";
+    }
+    EXPECT_EQ(std::pair(idle, flushed), std::pair(1, 1)) << tool.read("flows.json");
 }
 
 }  // namespace

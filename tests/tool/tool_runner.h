@@ -28,14 +28,6 @@ inline std::string read_file(const std::string &path) {
     return s.str();
 }
 
-inline std::vector<std::string> split_lines(const std::string &text) {
-    std::vector<std::string> result;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);)
-        result.push_back(line);
-    return result;
-}
-
 // A value as the tests compare it: strings without their quotes.
 inline std::string text(const Json &v) {
     return v.is_string() ? std::string(v) : v.dump();
@@ -44,7 +36,8 @@ inline std::string text(const Json &v) {
 // Every line parsed as JSON: a line that is not valid JSON throws, so parsing also checks it.
 inline std::vector<Json> json_lines(const std::string &text) {
     std::vector<Json> result;
-    for (const std::string &line : split_lines(text))
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);)
         result.push_back(Json::parse(line));
     return result;
 }
@@ -71,7 +64,6 @@ inline void expect_baseline(const std::string &name, const std::string &text) {
 struct ToolResult {
     int exit_code = -1;  // 128 + signal number when the program was killed
     std::string out, err;
-    std::vector<Json> records() const { return json_lines(out); }
 };
 
 class ToolRunner {
@@ -84,7 +76,6 @@ class ToolRunner {
 
     std::string path(const std::string &name) const { return dir_ + "/" + name; }
     std::string read(const std::string &name) const { return read_file(path(name)); }
-    // Waits until the file `name` of the folder holds `text`.
     bool wait_for(const std::string &name, const std::string &text) const {
         return eventually([&] { return read(name).find(text) != std::string::npos; });
     }
@@ -101,16 +92,14 @@ class ToolRunner {
         return result;
     }
 
-    // Starts a program in the scratch folder (relative names are its files) and returns its pid;
-    // `stdout_fd` >= 0 replaces the output file.
-    pid_t spawn(std::vector<std::string> args, const std::string &stdin_path = "/dev/null",
-                int stdout_fd = -1) const {
+    // Starts a program in the scratch folder (relative names are its files) and returns its pid.
+    pid_t spawn(std::vector<std::string> args, const std::string &stdin_path = "/dev/null") const {
         std::vector<char *> argv;
         for (std::string &a : args)
             argv.push_back(a.data());
         argv.push_back(nullptr);
         const int in = open(stdin_path.c_str(), O_RDONLY | O_CLOEXEC);
-        const int out = stdout_fd >= 0 ? stdout_fd : open(path("stdout").c_str(), kCreate, 0644);
+        const int out = open(path("stdout").c_str(), kCreate, 0644);
         const int err = open(path("stderr").c_str(), kCreate, 0644);
         const pid_t pid = fork();
         if (pid == 0) {
@@ -119,18 +108,13 @@ class ToolRunner {
             execvp(argv[0], argv.data());
             _exit(127);
         }
-        close(in), close(err);
-        if (stdout_fd < 0) close(out);
+        close(in), close(out), close(err);
         return pid;
     }
-    pid_t start(std::vector<std::string> args, const std::string &stdin_path = "/dev/null",
-                int stdout_fd = -1) const {
+    ToolResult run(std::vector<std::string> args,
+                   const std::string &stdin_path = "/dev/null") const {
         args.insert(args.begin(), QUELM_TOOL_PATH);
-        return spawn(args, stdin_path, stdout_fd);
-    }
-    ToolResult run(const std::vector<std::string> &args,
-                   const std::string &stdin_path = "/dev/null", int stdout_fd = -1) const {
-        return finish(start(args, stdin_path, stdout_fd));
+        return finish(spawn(args, stdin_path));
     }
     ToolResult finish(pid_t pid) const {
         ToolResult r;
