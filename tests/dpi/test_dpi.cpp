@@ -112,6 +112,20 @@ TEST_F(Binding, WrongApiRevisionRefusesTheEngine) {
     EXPECT_EQ(script.modules_created, 1) << "only the fixture's";
 }
 
+// A handle lent to a table stays the lender's: the table releases only the one it made itself.
+TEST_F(Binding, LentHandleIsNeverReleasedByTheTable) {
+    void *lent = quelm_dpi_alloc(1);
+    for (uint32_t flags : {uint32_t{QUELM_FLAG_DPI}, 0u}) {
+        quelm_table *t = quelm_create_table(flags, 64, 0, 0, 0);
+        const int released = script.modules_released;
+        EXPECT_EQ(quelm_set_pelda_handle(t, lent), 0);
+        EXPECT_EQ(quelm_get_pelda_handle(t), lent);
+        quelm_destroy_table(t);
+        EXPECT_EQ(script.modules_released, released + (flags != 0 ? 1 : 0)) << flags;
+    }
+    quelm_dpi_free(lent);
+}
+
 TEST_F(Detection, PacketLimitsGiveUpExtraDissectionAndGuesses) {
     // clang-format off
     const struct {

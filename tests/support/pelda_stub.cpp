@@ -59,7 +59,9 @@ int pelda_set_config(pelda_detection_module *, const char *, const char *key, co
 int pelda_finalize_initialization(pelda_detection_module *) {
     return 0;
 }
-void pelda_exit_detection_module(pelda_detection_module *) {}
+void pelda_exit_detection_module(pelda_detection_module *) {
+    script.modules_released++;
+}
 uint32_t pelda_detection_get_sizeof_pelda_flow_struct(void) {
     return 1200;
 }

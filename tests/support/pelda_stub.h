@@ -32,7 +32,8 @@ struct Script {
     Answer giveup, guess;
     // What the library did.
     std::string config;  // "key=value;" of each setting
-    int modules_created = 0, process_calls = 0, giveup_calls = 0, guess_calls = 0;
+    int modules_created = 0, modules_released = 0, process_calls = 0, giveup_calls = 0,
+        guess_calls = 0;
     uint32_t first_length = 0;        // bytes handed over with the first packet
     std::deque<std::string> strings;  // pointed at by flow objects
 };
