@@ -7,6 +7,7 @@
 #include <cstring>
 #include <map>
 
+#include "flow.h"
 #include "packet_builder.h"
 
 namespace pt {
@@ -158,11 +159,12 @@ std::string summary(pelda_detection_module *m, const pelda_protocol &r, const pe
         s += " dq=" + std::to_string(q) + " dr=" + std::to_string(b[930]);
     if (std::any_of(b + 1156, b + 1176, [](uint8_t x) { return x != 0; }))
         s += " sha1=" + to_hex(b + 1156, 20);
+    if (r.state == PELDA_STATE_DONE && (f->stream[0] || f->stream[1])) s += " buffers kept";
     return s;
 }
 
 std::vector<flow_result> drive(pelda_detection_module *m, const std::vector<packet> &packets,
-                               bool extra_dissection) {
+                               bool extra_dissection, uint32_t tcp_limit) {
     struct state {
         flow_ptr flow = new_flow();  // none for IP protocols other than TCP and UDP
         flow_result r;
@@ -178,7 +180,7 @@ std::vector<flow_result> drive(pelda_detection_module *m, const std::vector<pack
         state &s = it->second;
         if (fresh) order.push_back(&s);
         if (s.done) continue;
-        uint32_t n = ++s.r.packet_decided, limit = proto == 6 ? 12 : 5;
+        uint32_t n = ++s.r.packet_decided, limit = proto == 6 ? tcp_limit : 5;
         if (proto != 6 && proto != 17) {
             bool v4 = pk.ip[0] >> 4 == 4;
             uint32_t sa = v4 ? be32(&pk.ip[12]) : 0, da = v4 ? be32(&pk.ip[16]) : 0;
