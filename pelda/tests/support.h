@@ -75,7 +75,7 @@ struct flow_result {
 };
 // Runs each bidirectional flow as the flow table does: until a protocol is named (with extra
 // dissection: state DONE or the callers' budget), giving up past `tcp_limit` TCP / 5 UDP
-// packets, guessing flows of other IP protocols.
+// packets; packets of other IP protocols are skipped.
 std::vector<flow_result> drive(pelda_detection_module *m, const std::vector<packet> &packets,
                                bool extra_dissection = false, uint32_t tcp_limit = 12);
 

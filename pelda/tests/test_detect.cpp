@@ -7,7 +7,6 @@
 #include <sstream>
 #include <string>
 
-#include "packet_builder.h"
 #include "support.h"
 
 namespace {
@@ -21,7 +20,7 @@ bytes slice(const bytes &b, size_t from, size_t to) {
 
 // "expected | packets | messages": the flows' pt::summary joined by " / ", with "@N" (the
 // deciding packet) if the row shows one. Packets: "tcp|udp PORT [v6] [noguess] [synack]", client
-// to server PORT (TCP after a handshake, or after only the server's SYN-ACK); "ip PROTO"; "pcap
+// to server PORT (TCP after a handshake, or after only the server's SYN-ACK); "pcap
 // FILE [noextra] [split N]" (no extra dissection; TCP payloads re-cut into N-byte segments, fed
 // past the callers' 12-packet limit); "corpus FILE", skipped when absent, of which one flow is
 // expected. Messages: C or S and parts: 'text' (\r \n \0), <hex>, *N (zeros up to N bytes),
@@ -41,8 +40,6 @@ DNS sn=www.tcpdump.org dq=1 dr=0 | corpus dns_udp.pcap
 QUIC sn=clientservices.googleapis.com | corpus gquic.pcap
 RADIUS | corpus RADIUS.pcap
 IKE | corpus isakmp4500.pcap
-ICMP guessed @1 | ip 1
-Unknown guessed @1 | ip 250
 HTTP sn=proxy.example url=http://proxy.example:3128/a/b | tcp 40001 | C'GET http://proxy.example:3128/a/b HTTP/1.1\r\nUser-Agent: x\r\n\r\n'
 HTTP sn=secure.example url=http://secure.example:443 | tcp 40001 | C'CONNECT secure.example:443 HTTP/1.1\r\n\r\n'
 HTTP sn=2001:db8::1 url=http://2001:db8::1/form | tcp 40001 | C'POST /form HTTP/1.0\r\nhost:  [2001:db8::1]:8080 \r\n\r\n'
@@ -101,17 +98,12 @@ Unknown | udp 40001 | C<3018 020109 0406 7075626c6963 a00b 020101 020100 020100 
 // The packets of a row.
 std::vector<pt::packet> packets_of(const std::string &head, const std::string &m, bool *guess) {
     std::istringstream words(head);
-    std::string l4, where, flag;  // where: a port, a capture or an IP protocol
+    std::string l4, where, flag;  // where: a port or a capture
     words >> l4 >> where;
     std::vector<pt::packet> pk;
     if (l4 == "pcap" || l4 == "corpus")
         pt::read_capture(
             (l4 == "pcap" ? PELDA_TEST_DATA_DIR "/" : PELDA_CORPUS_DIR "/tcpdump/") + where, &pk);
-    if (l4 == "ip")
-        pk.push_back({quelm_test::Frame()
-                          .ipv4("10.1.1.1", "10.2.2.2")
-                          .l4(uint8_t(std::stoi(where)))
-                          .build_ip()});
     bool v6 = false;
     size_t split = 0;
     while (words >> flag) {
@@ -190,7 +182,7 @@ TEST(Detect, CaseTable) {
         }
         EXPECT_TRUE(got == expect || (corpus && pk.empty())) << line << "\n  got: " << got;
     }
-    EXPECT_EQ(rows, 69);
+    EXPECT_EQ(rows, 67);
 }
 
 // Every capture of the shared corpus runs clean in both modes (many are malformed on purpose).
