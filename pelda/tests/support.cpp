@@ -7,6 +7,7 @@
 #include <cstring>
 #include <map>
 
+#include "flow.h"
 #include "packet_builder.h"
 
 namespace pt {
@@ -24,10 +25,6 @@ namespace {
 
 uint16_t be16(const uint8_t *p) {
     return uint16_t(p[0] << 8 | p[1]);
-}
-
-uint32_t be32(const uint8_t *p) {
-    return uint32_t(be16(p)) << 16 | be16(p + 2);
 }
 
 // Offset of the IP header for a link type, or -1.
@@ -56,19 +53,17 @@ int ip_offset(int linktype, const uint8_t *p, uint32_t len) {
     return -1;
 }
 
-// The packet's bidirectional flow (IP protocol, sorted addresses and ports), or "" for
-// packets other than IPv4 first fragments and IPv6.
+// The packet's bidirectional TCP or UDP flow (IP protocol, sorted addresses and ports), or ""
+// for other packets and IPv4 fragments after the first.
 std::string flow_key(const bytes &ip, uint8_t *proto) {
     size_t alen = 16, src = 8, l4 = 40;
     if (ip.size() >= 20 && ip[0] >> 4 == 4 && !(be16(&ip[6]) & 0x1FFF))
         alen = 4, src = 12, l4 = size_t(ip[0] & 15) * 4, *proto = ip[9];
     else if (ip.size() >= 40 && ip[0] >> 4 == 6)
         *proto = ip[6];
-    else
-        return "";
+    if ((*proto != 6 && *proto != 17) || ip.size() < l4 + 4) return "";
     std::string a(&ip[src], &ip[src] + alen), b(&ip[src + alen], &ip[src + alen] + alen);
-    if ((*proto == 6 || *proto == 17) && ip.size() >= l4 + 4)
-        a.append(&ip[l4], &ip[l4] + 2), b.append(&ip[l4 + 2], &ip[l4 + 2] + 2);
+    a.append(&ip[l4], &ip[l4] + 2), b.append(&ip[l4 + 2], &ip[l4 + 2] + 2);
     return char(*proto) + std::min(a, b) + "|" + std::max(a, b);
 }
 
@@ -158,13 +153,14 @@ std::string summary(pelda_detection_module *m, const pelda_protocol &r, const pe
         s += " dq=" + std::to_string(q) + " dr=" + std::to_string(b[930]);
     if (std::any_of(b + 1156, b + 1176, [](uint8_t x) { return x != 0; }))
         s += " sha1=" + to_hex(b + 1156, 20);
+    if (r.state == PELDA_STATE_DONE && (f->stream[0] || f->stream[1])) s += " buffers kept";
     return s;
 }
 
 std::vector<flow_result> drive(pelda_detection_module *m, const std::vector<packet> &packets,
-                               bool extra_dissection) {
+                               bool extra_dissection, uint32_t tcp_limit) {
     struct state {
-        flow_ptr flow = new_flow();  // none for IP protocols other than TCP and UDP
+        flow_ptr flow = new_flow();
         flow_result r;
         bool done = false;
     };
@@ -178,15 +174,7 @@ std::vector<flow_result> drive(pelda_detection_module *m, const std::vector<pack
         state &s = it->second;
         if (fresh) order.push_back(&s);
         if (s.done) continue;
-        uint32_t n = ++s.r.packet_decided, limit = proto == 6 ? 12 : 5;
-        if (proto != 6 && proto != 17) {
-            bool v4 = pk.ip[0] >> 4 == 4;
-            uint32_t sa = v4 ? be32(&pk.ip[12]) : 0, da = v4 ? be32(&pk.ip[16]) : 0;
-            s.r.result = pelda_guess_undetected_protocol_v4(m, nullptr, proto, sa, 0, da, 0);
-            s.r.guessed = s.done = true;
-            s.flow.reset();
-            continue;
-        }
+        uint32_t n = ++s.r.packet_decided, limit = proto == 6 ? tcp_limit : 5;
         pelda_protocol r = pelda_detection_process_packet(
             m, s.flow.get(), pk.ip.data(), uint32_t(pk.ip.size()), pk.time_ms, nullptr);
         if (r.master_protocol || r.app_protocol) {

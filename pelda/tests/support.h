@@ -62,7 +62,8 @@ flow_ptr new_flow();
 // Every packet to one flow; the last result.
 pelda_protocol feed(pelda_detection_module *m, pelda_flow *f, const std::vector<packet> &pk);
 // "NAME sn=... url=... hc=200 dq=28 dr=3 sha1=...": the name and those of the fields callers
-// read at fixed offsets of the flow object that are set.
+// read at fixed offsets of the flow object that are set; "buffers kept" when a done flow still
+// holds reassembly buffers.
 std::string summary(pelda_detection_module *m, const pelda_protocol &r, const pelda_flow *f);
 std::string to_hex(const uint8_t *p, size_t n);
 
@@ -73,9 +74,9 @@ struct flow_result {
     std::string summary;          // pt::summary, and " guessed" after a give-up or guess
 };
 // Runs each bidirectional flow as the flow table does: until a protocol is named (with extra
-// dissection: state DONE or the callers' budget), giving up past 12 TCP / 5 UDP packets,
-// guessing flows of other IP protocols.
+// dissection: state DONE or the callers' budget), giving up past `tcp_limit` TCP / 5 UDP
+// packets; packets of other IP protocols are skipped.
 std::vector<flow_result> drive(pelda_detection_module *m, const std::vector<packet> &packets,
-                               bool extra_dissection = false);
+                               bool extra_dissection = false, uint32_t tcp_limit = 12);
 
 }  // namespace pt

@@ -30,6 +30,8 @@ TEST(Names, IdsNamesAndCategoriesRoundTrip) {
         {"unknown", 0}, {"dns", 5}, {"Http", 7}, {"TLS", 91}, {"HTTP.TLS", 0}};
     for (const auto &[name, id] : ids)
         EXPECT_EQ(pelda_get_proto_by_name(m, name), id) << name;
+    EXPECT_EQ(pelda_guess_undetected_protocol_v4(m, nullptr, 1, 1, 0, 2, 0).app_protocol,
+              pelda_get_proto_by_name(m, "ICMP"));  // guesses for IP protocols other than TCP/UDP
     for (uint16_t id = 1; id < pelda_get_num_protocols(m); ++id) {
         char buf[64];
         std::string name = pelda_protocol2name(m, {0, id}, buf, sizeof(buf));

@@ -1,15 +1,12 @@
 // Detection driven by packet bytes: a table with one row per protocol case (packets in,
-// protocol and the metadata callers read out), the shared corpus, TLS handshakes split,
-// direction and truncated packets.
+// protocol and the metadata callers read out, captures also re-cut into small segments), the
+// shared corpus, direction and truncated packets.
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <map>
 #include <sstream>
 #include <string>
 
-#include "flow.h"
-#include "packet_builder.h"
 #include "support.h"
 
 namespace {
@@ -22,24 +19,31 @@ bytes slice(const bytes &b, size_t from, size_t to) {
 }
 
 // "expected | packets | messages": the flows' pt::summary joined by " / ", with "@N" (the
-// deciding packet) if the row shows one. Packets: "tcp|udp PORT [v6] [noguess]", client to
-// server PORT (TCP after a handshake); "ip PROTO"; "pcap FILE [noextra]" (no extra dissection);
-// "corpus FILE", skipped when absent, of which one flow is expected. Messages: C or S and
-// parts: 'text' (\r \n \0), <hex>, *N (zeros up to N bytes), xN (N times).
+// deciding packet) if the row shows one. Packets: "tcp|udp PORT [v6] [noguess] [synack]", client
+// to server PORT (TCP after a handshake, or after only the server's SYN-ACK); "pcap
+// FILE [noextra] [split N]" (no extra dissection; TCP payloads re-cut into N-byte segments, fed
+// past the callers' 12-packet limit); "corpus FILE", skipped when absent, of which one flow is
+// expected. Messages: C or S and parts: 'text' (\r \n \0), <hex>, *N (zeros up to N bytes),
+// xN (N times).
 const char *const kCases = R"(
 HTTP sn=www.example.test url=http://www.example.test/docs/index.html?q=1 hc=200 @6 / HTTP sn=127.0.0.1 url=http://127.0.0.1/missing hc=404 @6 | pcap http.pcap
 HTTP sn=www.example.test url=http://www.example.test/docs/index.html?q=1 @4 / HTTP sn=127.0.0.1 url=http://127.0.0.1/missing @4 | pcap http.pcap noextra
 TLS sn=www.example.test sha1=ccdea7530e9be420a76a4a01c8c3e327cc6b16d9 @6 | pcap tls12.pcap
+TLS sn=www.example.test @231 | pcap tls12.pcap noextra split 1
+TLS sn=www.example.test sha1=ccdea7530e9be420a76a4a01c8c3e327cc6b16d9 @1118 | pcap tls12.pcap split 1
+TLS sn=www.example.test @5 | pcap tls12.pcap noextra split 227
+TLS sn=www.example.test sha1=ccdea7530e9be420a76a4a01c8c3e327cc6b16d9 @228 | pcap tls12.pcap split 5
+TLS sn=www.example.test sha1=ccdea7530e9be420a76a4a01c8c3e327cc6b16d9 @16 | pcap tls12.pcap split 100
+TLS sn=www.example.test sha1=ccdea7530e9be420a76a4a01c8c3e327cc6b16d9 @6 | pcap tls12.pcap split 1000
 TLS sn=tls13.example.test @6 | pcap tls13.pcap
 DNS sn=www.tcpdump.org dq=1 dr=0 | corpus dns_udp.pcap
 QUIC sn=clientservices.googleapis.com | corpus gquic.pcap
 RADIUS | corpus RADIUS.pcap
 IKE | corpus isakmp4500.pcap
-ICMP guessed @1 | ip 1
-Unknown guessed @1 | ip 250
 HTTP sn=proxy.example url=http://proxy.example:3128/a/b | tcp 40001 | C'GET http://proxy.example:3128/a/b HTTP/1.1\r\nUser-Agent: x\r\n\r\n'
 HTTP sn=secure.example url=http://secure.example:443 | tcp 40001 | C'CONNECT secure.example:443 HTTP/1.1\r\n\r\n'
 HTTP sn=2001:db8::1 url=http://2001:db8::1/form | tcp 40001 | C'POST /form HTTP/1.0\r\nhost:  [2001:db8::1]:8080 \r\n\r\n'
+HTTP sn=a.example url=http://a.example/ hc=200 @3 | tcp 40001 synack | C'GET / HTTP/1.1\r\nHost: a.example\r\n\r\n' S'HTTP/1.1 200 OK\r\n\r\n'
 HTTP url=http:/// | tcp 40001 | C'GET / HTTP/1.1\r\nAccept: */*\r\n\r\n'
 DNS sn=www.example.com dq=28 dr=3 @2 | udp 8053 v6 | C<abcd 0100 0001 0000 0000 0000 03777777 076578616d706c65 03636f6d 00 001c 0001> S<abcd 8183 0001 0000 0000 0000 03777777 076578616d706c65 03636f6d 00 001c 0001>
 DNS sn=www.example.com dq=28 dr=3 @5 | tcp 8053 v6 | C<0021><abcd 0100 0001 0000 0000 0000 03777777 076578616d706c65 03636f6d 00 001c 0001> S<0021><abcd 8183 0001 0000 0000 0000 03777777 076578616d706c65 03636f6d 00 001c 0001>
@@ -94,24 +98,39 @@ Unknown | udp 40001 | C<3018 020109 0406 7075626c6963 a00b 020101 020100 020100 
 // The packets of a row.
 std::vector<pt::packet> packets_of(const std::string &head, const std::string &m, bool *guess) {
     std::istringstream words(head);
-    std::string l4, where, flag;  // where: a port, a capture or an IP protocol
+    std::string l4, where, flag;  // where: a port or a capture
     words >> l4 >> where;
     std::vector<pt::packet> pk;
     if (l4 == "pcap" || l4 == "corpus")
         pt::read_capture(
             (l4 == "pcap" ? PELDA_TEST_DATA_DIR "/" : PELDA_CORPUS_DIR "/tcpdump/") + where, &pk);
-    if (l4 == "ip")
-        pk.push_back({quelm_test::Frame()
-                          .ipv4("10.1.1.1", "10.2.2.2")
-                          .l4(uint8_t(std::stoi(where)))
-                          .build_ip()});
     bool v6 = false;
-    while (words >> flag)
+    size_t split = 0;
+    while (words >> flag) {
         v6 |= flag == "v6", *guess &= flag != "noguess";
+        if (flag == "split") words >> split;
+    }
+    // split N: each TCP payload of the capture re-cut into N-byte segments (IPv4, no options).
+    std::vector<pt::packet> cut;
+    for (const pt::packet &p : split ? pk : cut) {
+        size_t off = 20 + size_t(p.ip[32] >> 4) * 4;
+        for (size_t i = off; i == off || i < p.ip.size(); i += split) {
+            bytes seg = slice(p.ip, 0, off), part = slice(p.ip, i, i + split);
+            seg.insert(seg.end(), part.begin(), part.end());
+            seg[2] = uint8_t(seg.size() >> 8), seg[3] = uint8_t(seg.size());
+            for (size_t k = 27, add = i - off; add; --k, add >>= 8)  // sequence number += i - off
+                add += seg[k], seg[k] = uint8_t(add);
+            cut.push_back({seg, p.time_ms});
+        }
+    }
+    if (split) pk.swap(cut);
     pt::conversation t{{v6 ? "2001:db8::1" : "10.1.1.1", 40000},
                        {v6 ? "2001:db8::2" : "10.2.2.2", uint16_t(std::atoi(where.c_str()))}};
     t.udp = l4 == "udp";
-    if (l4 == "tcp") t.handshake();
+    if (l4 == "tcp" && head.find(" synack") != std::string::npos)
+        t.packets.push_back({pt::tcp(t.s, t.c, t.sseq - 1, 0x12)});
+    else if (l4 == "tcp")
+        t.handshake();
     for (size_t i = 0; i < m.size(); ++i) {
         if (m[i] == ' ') continue;
         bool from_client = m[i++] == 'C';
@@ -153,7 +172,9 @@ TEST(Detect, CaseTable) {
         EXPECT_TRUE(!pk.empty() || corpus) << line;
         pt::owned_module m(guess);
         std::string got;
-        for (const auto &f : pt::drive(m, pk, head.find("noextra") == std::string::npos)) {
+        bool extra = head.find("noextra") == std::string::npos,
+             split = head.find(" split ") != std::string::npos;
+        for (const auto &f : pt::drive(m, pk, extra, split ? 10000 : 12)) {
             std::string decided = " @" + std::to_string(f.packet_decided);
             if (corpus && !f.guessed && (f.summary + " ").rfind(expect + " ", 0) == 0) got = expect;
             if (!corpus) got += (got.empty() ? "" : " / ") + f.summary;
@@ -161,7 +182,7 @@ TEST(Detect, CaseTable) {
         }
         EXPECT_TRUE(got == expect || (corpus && pk.empty())) << line << "\n  got: " << got;
     }
-    EXPECT_EQ(rows, 62);
+    EXPECT_EQ(rows, 67);
 }
 
 // Every capture of the shared corpus runs clean in both modes (many are malformed on purpose).
@@ -188,57 +209,6 @@ TEST(Detect, EveryCorpusCaptureRunsClean) {
     }
     EXPECT_GT(captures, 100u);
     EXPECT_GT(flows, 1000u);
-}
-
-// The ClientHello and the server's first flight of tls12.pcap (server ports 1443x).
-std::pair<bytes, bytes> tls12_flights() {
-    std::vector<pt::packet> pk;
-    pt::read_capture(pt::data_file("tls12.pcap"), &pk);
-    bytes hello, server;
-    for (const auto &p : pk) {
-        size_t off = 20 + size_t(p.ip[32] >> 4) * 4;  // IPv4 without options
-        bytes &dst = p.ip[20] == 0x38 && (p.ip[21] == 0x61 || p.ip[21] == 0x62) ? server : hello;
-        if (off < p.ip.size() && dst.empty()) dst.assign(p.ip.begin() + long(off), p.ip.end());
-    }
-    return {hello, server};
-}
-
-// Cut into segments of any size, the ClientHello names TLS with its last segment and the
-// certificate is read; buffers are gone once the flow is done.
-TEST(Tls, HandshakeSpanningSegments) {
-    auto [hello, server] = tls12_flights();
-    ASSERT_FALSE(hello.empty() || server.empty());
-    for (size_t seg : {1, 2, 5, 100, 227, 1000}) {
-        pt::owned_module m;
-        auto flow = pt::new_flow();
-        pt::conversation c{{"192.0.2.1", 51000}, {"192.0.2.2", 7000}};
-        c.handshake();
-        for (size_t i = 0; i < hello.size(); i += seg)
-            c.client_sends(slice(hello, i, i + seg));
-        auto last = c.packets.end() - 1;
-        EXPECT_EQ(pt::feed(m, flow.get(), {c.packets.begin(), last}).app_protocol, 0) << seg;
-        EXPECT_EQ(pt::feed(m, flow.get(), {last, c.packets.end()}).app_protocol, 91) << seg;
-        c.packets.clear();
-        for (size_t i = 0; i < server.size(); i += seg)
-            c.server_sends(slice(server, i, i + seg));
-        pelda_protocol r = pt::feed(m, flow.get(), c.packets);
-        EXPECT_EQ(r.state, uint32_t(PELDA_STATE_DONE)) << seg;
-        EXPECT_EQ(pt::summary(m, r, flow.get()),
-                  "TLS sn=www.example.test sha1=ccdea7530e9be420a76a4a01c8c3e327cc6b16d9");
-        EXPECT_TRUE(!flow->stream[0] && !flow->stream[1]);
-    }
-}
-
-TEST(Flow, FirstSynAckMakesItsSenderTheServer) {
-    pt::owned_module m;
-    auto flow = pt::new_flow();
-    pt::endpoint cl{"10.0.0.1", 40000}, sv{"10.0.0.2", 40001};
-    bytes req = pt::text("GET / HTTP/1.1\r\nHost: a.example\r\n\r\n");
-    pelda_protocol r = pt::feed(
-        m, flow.get(), {{pt::tcp(sv, cl, 10, 0x12), 1}, {pt::tcp(cl, sv, 1, 0x18, req), 2}});
-    EXPECT_EQ(r.app_protocol, PELDA_PROTOCOL_HTTP);
-    EXPECT_EQ(flow->client_port, 40000);
-    EXPECT_EQ(flow->packets[pelda::kServer], 1u);
 }
 
 TEST(Flow, NullAndTruncatedInputsAreHarmless) {
