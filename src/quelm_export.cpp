@@ -27,10 +27,6 @@ constexpr const char *kBuiltinServerPublicKey = "Q7w.Fk2-Tz9m!xR4b^Lp8vN0c=Hs6yJ
 
 using quelm::key_ipv4;
 
-uint8_t version_byte(const pelda_serializer &s) {
-    return s.format == QUELM_EXPORT_FORMAT_JSON ? QUELM_ZMQ_VERSION_JSON : QUELM_ZMQ_VERSION_TLV;
-}
-
 uint64_t clamp_rate(double rate) {
     return rate >= 4294967295.0 ? 4294967295u : uint64_t(uint32_t(rate));
 }
@@ -43,6 +39,7 @@ void quelm_export_init(quelm_export *ex) {
     if (!ex->serializer_initialized) {
         if (quelm_serializer_init(&ex->serializer, ex->format) != 0) return;
         ex->serializer_initialized = 1;
+        ex->batch_format = ex->format;
     }
     if (quelm_zmq_init(&ex->zmq, kSendHighWaterMark) != 0) return;
     // Flows queued while the exporter was dormant stay queued: they go out with the next drain.
@@ -125,11 +122,11 @@ void quelm_export_flush(quelm_export *ex) {
     if (ex->batch_records == 0) return;
     uint32_t len = 0;
     const char *batch = quelm_serializer_get_buffer(&ex->serializer, &len);
-    const bool json = ex->serializer.format == QUELM_EXPORT_FORMAT_JSON;
+    const bool json = ex->batch_format == QUELM_EXPORT_FORMAT_JSON;
     if (quelm_debug_enabled) printf("[QUELM][EXPORT][%u] %s\n", len, json ? batch : "(TLV)");
     const int sent = len <= UINT16_MAX && batch != nullptr &&
                      quelm_zmq_send(&ex->zmq, batch, uint16_t(len), QUELM_ZMQ_TOPIC_FLOW,
-                                    version_byte(ex->serializer));
+                                    json ? QUELM_ZMQ_VERSION_JSON : QUELM_ZMQ_VERSION_TLV);
     (sent ? ex->num_flow_exports : ex->num_flow_drops) += ex->batch_records;
     quelm_serializer_reset(&ex->serializer);
     ex->batch_records = 0;
@@ -252,6 +249,7 @@ void quelm_export_configure(quelm_export *ex, const char *endpoint, const char *
         // byte describes its payload.
         quelm_export_flush(ex);
         quelm_serializer_term(&ex->serializer);
+        ex->batch_format = format;
         if (quelm_serializer_init(&ex->serializer, format) != 0) {
             ex->initialized = 0;
             ex->serializer_initialized = 0;

@@ -14,7 +14,10 @@ struct quelm_export {
     uint8_t initialized;             // serializer and transport up
     uint8_t serializer_initialized;  // `serializer` created (at most once per exporter life)
     uint32_t format;                 // QUELM_EXPORT_FORMAT_TLV or _JSON
-    quelm_list queue;                // flows waiting to be serialised
+    // The format `serializer` was created with: a message's version byte says it. The engine's
+    // serializer object is opaque to the library.
+    uint32_t batch_format;
+    quelm_list queue;  // flows waiting to be serialised
     uint32_t queue_len;
     uint64_t last_dequeue_msec;
     uint32_t dequeue_budget;  // flows an unforced drain may still take this millisecond
