@@ -478,8 +478,17 @@ typedef struct quelm_export quelm_export;
 
 typedef struct quelm_zmq_stats {
     uint32_t buffered_records; /* records in the batch not yet sent */
-    uint32_t num_flow_exports; /* records sent */
-    uint32_t num_flow_drops;   /* flows lost: queue full or a failed send */
+    uint32_t num_flow_exports; /* records handed to libzmq for every subscribed collector */
+    uint32_t num_flow_drops;   /* flows lost: queue full, no collector in time, or a failed send */
+    /* Appended; filled by quelm_zmq_read_stats only, so that callers built against the first
+     * three fields keep working. What the socket saw since the exporter started: */
+    uint32_t connections;         /* connections made or accepted */
+    uint32_t handshakes;          /* CURVE handshakes that succeeded (collectors reached) */
+    uint32_t refused_auth;        /* handshakes the collector refused (key not allowed) */
+    uint32_t refused_protocol;    /* handshakes that failed otherwise (wrong server key, ...) */
+    uint32_t disconnections;      /* connections that ended */
+    uint32_t subscribers;         /* collectors subscribed to flows now */
+    uint32_t queued_flows;        /* flows waiting in the export queue */
 } quelm_zmq_stats;
 
 /* Sets up export: `endpoint` is a comma-separated list of ZeroMQ endpoints, connected to when
@@ -496,7 +505,22 @@ QUELM_API void quelm_zmq_export_flow(quelm_flow *flow, void *table);
 /* Sends a statistics record of the table, at most one every 3 seconds. */
 QUELM_API void quelm_zmq_export_stats(quelm_table *table, const char *if_name, uint16_t if_speed,
                                       const char *if_ip, const char *probe_ip);
+/* Fills the first three fields of `stats`. */
 QUELM_API void quelm_zmq_get_stats(quelm_table *table, quelm_zmq_stats *stats);
+/* Fills the first `size` bytes of `stats` (pass sizeof *stats): all fields this library knows,
+ * after reading the events the socket reported since the last call. */
+QUELM_API void quelm_zmq_read_stats(quelm_table *table, quelm_zmq_stats *stats, size_t size);
+/* The exporter's own CURVE key pair (Z85, 40 characters each), so that collectors can tell it
+ * apart and allow it by its public key. Takes effect at the exporter's next start: call it before
+ * quelm_zmq_export_configure. Without it every start makes a fresh pair. Returns 0, or -1 when a
+ * key is not 40 characters (nothing is changed). The library keeps its own copies. */
+QUELM_API int quelm_zmq_set_client_key(quelm_table *table, const char *public_key,
+                                       const char *secret_key);
+/* How long a forced drain (quelm_flush, quelm_destroy_table) may wait for collectors to take
+ * more records while nothing moves, in milliseconds (default 10,000; 0 never waits). Once that
+ * time passes without progress, what remains is counted in num_flow_drops and released. The
+ * packet path never waits: a full export queue drops the flow and counts it. */
+QUELM_API void quelm_zmq_set_timeout(quelm_table *table, uint32_t timeout_msec);
 
 /* The engine's serializer, wrapped (`serializer` is the engine's serializer object). */
 QUELM_API int quelm_serializer_init(void *serializer, uint32_t format);

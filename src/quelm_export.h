@@ -9,6 +9,8 @@ inline constexpr uint32_t QUELM_EXPORT_QUEUE_MAX = 500000;
 inline constexpr uint32_t QUELM_EXPORT_FLUSH_THRESHOLD = 16;
 inline constexpr uint32_t QUELM_EXPORT_BATCH_RECORDS = 16;
 inline constexpr uint32_t QUELM_EXPORT_DEQUEUE_BUDGET = 100;
+// A forced drain gives up after this long without progress, unless the application says otherwise.
+inline constexpr uint32_t QUELM_EXPORT_DEFAULT_TIMEOUT_MSEC = 10000;
 
 struct quelm_export {
     uint8_t initialized;             // serializer and transport up
@@ -27,6 +29,7 @@ struct quelm_export {
     uint32_t num_flow_exports;
     uint32_t num_flow_drops;
     uint64_t stats_last_msec, stats_last_packets, stats_last_bytes;
+    uint32_t timeout_msec;  // how long a forced drain may go without progress
 };
 
 void quelm_export_init(quelm_export *exporter);

@@ -3,6 +3,7 @@
 #include "quelm_table.h"
 
 #include <stdlib.h>
+#include <string.h>
 
 #include "quelm_dpi.h"
 #include "quelm_rules.h"
@@ -82,6 +83,7 @@ quelm_table *quelm_create_table(uint32_t flags, uint32_t max_flows, uint32_t flo
         return nullptr;
     }
     t->housekeeping_countdown = QUELM_HOUSEKEEPING_PACKETS;
+    t->exporter.timeout_msec = QUELM_EXPORT_DEFAULT_TIMEOUT_MSEC;
     return t;
 }
 
@@ -185,6 +187,30 @@ void quelm_zmq_get_stats(quelm_table *table, quelm_zmq_stats *stats) {
     stats->buffered_records = table->exporter.batch_records;
     stats->num_flow_exports = table->exporter.num_flow_exports;
     stats->num_flow_drops = table->exporter.num_flow_drops;
+}
+
+void quelm_zmq_read_stats(quelm_table *table, quelm_zmq_stats *stats, size_t size) {
+    const quelm_export &ex = table->exporter;
+    const quelm_zmq &z = ex.zmq;
+    const quelm_zmq_stats all = {ex.batch_records,  ex.num_flow_exports, ex.num_flow_drops,
+                                 z.connections,     z.handshakes,        z.refused_auth,
+                                 z.refused_protocol, z.disconnections,   z.subscribers,
+                                 ex.queue_len};
+    memcpy(stats, &all, size < sizeof all ? size : sizeof all);
+}
+
+int quelm_zmq_set_client_key(quelm_table *table, const char *public_key, const char *secret_key) {
+    quelm_zmq &z = table->exporter.zmq;
+    if (public_key == nullptr || secret_key == nullptr || strlen(public_key) != 40 ||
+        strlen(secret_key) != 40)
+        return -1;
+    memcpy(z.client_public_key, public_key, 41);
+    memcpy(z.client_secret_key, secret_key, 41);
+    return 0;
+}
+
+void quelm_zmq_set_timeout(quelm_table *table, uint32_t timeout_msec) {
+    table->exporter.timeout_msec = timeout_msec;
 }
 
 // ---- Flow-hash calls that name a table ---------------------------------------------------------

@@ -109,9 +109,12 @@ int quelm_zmq_init(quelm_zmq *zmq, uint32_t send_high_water) {
         return fail(zmq, -2);
     }
     if (zmq->server_public_key != nullptr) {
-        // A fresh client key pair at every start; it is not kept.
+        // The configured client key pair, else a fresh one at every start that is not kept.
         char client_public[41], client_secret[41];
-        if (fn<int (*)(char *, char *)>(curve_keypair)(client_public, client_secret) != 0) {
+        if (zmq->client_public_key[0] != '\0') {
+            memcpy(client_public, zmq->client_public_key, sizeof client_public);
+            memcpy(client_secret, zmq->client_secret_key, sizeof client_secret);
+        } else if (fn<int (*)(char *, char *)>(curve_keypair)(client_public, client_secret) != 0) {
             fprintf(stderr, "Error generating ZMQ client key pair");
             return fail(zmq, -3);
         }

@@ -17,6 +17,11 @@ struct quelm_zmq {
     void *socket;
     char *server_public_key;  // collector's CURVE public key, Z85 (owned)
     uint8_t lock_ready;       // `lock` has been initialised
+    // The exporter's own key pair, Z85 (both set or both empty: a fresh pair per start).
+    char client_public_key[41], client_secret_key[41];
+    // What the socket monitor reported, and the collectors subscribed now.
+    uint32_t connections, handshakes, refused_auth, refused_protocol, disconnections;
+    uint32_t subscribers;
 };
 
 // First part of every message.
