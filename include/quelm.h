@@ -487,7 +487,7 @@ typedef struct quelm_zmq_stats {
     uint32_t refused_auth;        /* handshakes the collector refused (key not allowed) */
     uint32_t refused_protocol;    /* handshakes that failed otherwise (wrong server key, ...) */
     uint32_t disconnections;      /* connections that ended */
-    uint32_t subscribers;         /* collectors subscribed to flows now */
+    uint32_t subscribed;          /* 1 while some collector subscribes to flow records */
     uint32_t queued_flows;        /* flows waiting in the export queue */
 } quelm_zmq_stats;
 
@@ -502,6 +502,10 @@ QUELM_API void quelm_zmq_export_configure(quelm_table *table, const char *endpoi
                                           uint8_t reserved, uint8_t use_json);
 /* Queues a flow for export (takes ownership); `table` is the quelm_table. */
 QUELM_API void quelm_zmq_export_flow(quelm_flow *flow, void *table);
+/* Sends every queued and batched record now, waiting for the collectors as quelm_flush does
+ * (see quelm_zmq_set_timeout): afterwards each record handed over is counted as exported or
+ * dropped. */
+QUELM_API void quelm_zmq_export_drain(quelm_table *table);
 /* Sends a statistics record of the table, at most one every 3 seconds. */
 QUELM_API void quelm_zmq_export_stats(quelm_table *table, const char *if_name, uint16_t if_speed,
                                       const char *if_ip, const char *probe_ip);

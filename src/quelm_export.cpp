@@ -18,9 +18,12 @@ namespace {
 using namespace quelm::wire;
 
 constexpr uint64_t kStatsIntervalMsec = 3000;
-// Messages the socket may hold for a subscriber: a whole export queue's worth of batches, so that
-// draining a full queue at once (a flush) does not overflow libzmq's default of 1000.
-constexpr uint32_t kSendHighWaterMark = QUELM_EXPORT_QUEUE_MAX / QUELM_EXPORT_BATCH_RECORDS + 1024;
+// Messages the socket holds for a collector before it refuses more: 8192 batches of 16 records,
+// about 16 MiB of TLV. Enough to ride out a collector's pause; beyond it the sender waits (forced
+// drains) or keeps flows queued (the packet path), so the size is about smoothness, not loss.
+constexpr uint32_t kSendHighWaterMark = 8192;
+// A waiting sender looks again this often: the socket does not say when a queue has room.
+constexpr uint32_t kWaitSliceMsec = 1;
 constexpr const char *kDefaultProbeIp = "127.0.0.1";
 // The collector public key used when none is configured; only its holder can read the flows.
 constexpr const char *kBuiltinServerPublicKey = "Q7w.Fk2-Tz9m!xR4b^Lp8vN0c=Hs6yJe3Ud5aG1o";
@@ -41,7 +44,7 @@ void quelm_export_init(quelm_export *ex) {
         ex->serializer_initialized = 1;
         ex->batch_format = ex->format;
     }
-    if (quelm_zmq_init(&ex->zmq, kSendHighWaterMark) != 0) return;
+    if (quelm_zmq_init(&ex->zmq, kSendHighWaterMark, ex->timeout_msec) != 0) return;
     // Flows queued while the exporter was dormant stay queued: they go out with the next drain.
     ex->initialized = 1;
 }
@@ -57,7 +60,10 @@ void quelm_export_enqueue_flow(quelm_export *ex, quelm_flow *flow) {
 }
 
 int quelm_export_process_queue(quelm_export *ex, int force) {
-    if (!ex->initialized || ex->queue.tail == nullptr) return 0;
+    if (!ex->initialized) return 0;
+    // A full batch the collectors did not take yet goes first.
+    if (ex->batch_records >= QUELM_EXPORT_BATCH_RECORDS && !quelm_export_flush(ex)) return 1;
+    if (ex->queue.tail == nullptr) return 0;
     const uint64_t now = utils_time_msec();
     if (ex->last_dequeue_msec < now) ex->dequeue_budget = QUELM_EXPORT_DEQUEUE_BUDGET;
     while (quelm_list_node *node = ex->queue.tail) {
@@ -66,7 +72,7 @@ int quelm_export_process_queue(quelm_export *ex, int force) {
         ex->last_dequeue_msec = now;
         if (ex->dequeue_budget > 0) ex->dequeue_budget--;
         quelm_list_remove(&ex->queue, node);
-        quelm_export_process_flow(ex, node->owner);
+        if (!quelm_export_process_flow(ex, node->owner)) return 1;
     }
     return 0;
 }
@@ -107,29 +113,69 @@ void quelm_export_write_flow_record(void *s, quelm_flow *flow) {
     quelm_serialize_string_string(s, kL7ProtoKey, l7);
 }
 
-void quelm_export_process_flow(quelm_export *ex, quelm_flow *flow) {
+int quelm_export_process_flow(quelm_export *ex, quelm_flow *flow) {
     if (!ex->initialized) {
         quelm_export_init(ex);
-        if (!ex->initialized) return;  // the caller keeps the flow
+        if (!ex->initialized) return 1;  // the caller keeps the flow
     }
     if (ex->batch_records != 0) quelm_serialize_end_of_record(&ex->serializer);
     quelm_export_write_flow_record(&ex->serializer, flow);
     quelm_flow_free(flow);
-    if (++ex->batch_records > QUELM_EXPORT_BATCH_RECORDS - 1) quelm_export_flush(ex);
+    if (++ex->batch_records > QUELM_EXPORT_BATCH_RECORDS - 1) return quelm_export_flush(ex);
+    return 1;
 }
 
-void quelm_export_flush(quelm_export *ex) {
-    if (ex->batch_records == 0) return;
+namespace {
+
+void batch_done(quelm_export *ex, bool sent) {
+    (sent ? ex->num_flow_exports : ex->num_flow_drops) += ex->batch_records;
+    if (sent) ex->stalled = 0;
+    quelm_serializer_reset(&ex->serializer);
+    ex->batch_records = 0;
+}
+
+}  // namespace
+
+int quelm_export_flush(quelm_export *ex) {
+    if (ex->batch_records == 0) return 1;
     uint32_t len = 0;
     const char *batch = quelm_serializer_get_buffer(&ex->serializer, &len);
     const bool json = ex->batch_format == QUELM_EXPORT_FORMAT_JSON;
-    if (quelm_debug_enabled) printf("[QUELM][EXPORT][%u] %s\n", len, json ? batch : "(TLV)");
-    const int sent = len <= UINT16_MAX && batch != nullptr &&
-                     quelm_zmq_send(&ex->zmq, batch, uint16_t(len), QUELM_ZMQ_TOPIC_FLOW,
-                                    json ? QUELM_ZMQ_VERSION_JSON : QUELM_ZMQ_VERSION_TLV);
-    (sent ? ex->num_flow_exports : ex->num_flow_drops) += ex->batch_records;
-    quelm_serializer_reset(&ex->serializer);
-    ex->batch_records = 0;
+    if (batch == nullptr || len > UINT16_MAX) {
+        batch_done(ex, false);
+        return 1;
+    }
+    uint64_t deadline = 0;
+    for (;;) {
+        const int rc = quelm_zmq_send(&ex->zmq, batch, uint16_t(len), QUELM_ZMQ_TOPIC_FLOW,
+                                      json ? QUELM_ZMQ_VERSION_JSON : QUELM_ZMQ_VERSION_TLV);
+        if (rc != 0) {
+            if (rc == 1 && quelm_debug_enabled)
+                printf("[QUELM][EXPORT][%u] %s\n", len, json ? batch : "(TLV)");
+            batch_done(ex, rc == 1);
+            return 1;
+        }
+        // Nobody subscribes, or a collector's queue is full.
+        if (!ex->forced) return 0;
+        const uint64_t now = utils_time_msec();
+        if (deadline == 0) deadline = now + ex->timeout_msec;
+        if (ex->stalled || now >= deadline) break;
+        const uint64_t left = deadline - now;
+        quelm_zmq_wait(&ex->zmq, left < kWaitSliceMsec ? uint32_t(left) : kWaitSliceMsec);
+    }
+    // No collector took anything for the whole timeout: this batch and the rest of the drain are
+    // counted as dropped without waiting again.
+    ex->stalled = 1;
+    batch_done(ex, false);
+    return 1;
+}
+
+void quelm_export_drain(quelm_export *ex) {
+    if (!ex->initialized) return;
+    ex->forced++;
+    quelm_export_process_queue(ex, 1);
+    quelm_export_flush(ex);
+    ex->forced--;
 }
 
 void quelm_export_destroy(quelm_export *ex) {
@@ -141,8 +187,7 @@ void quelm_export_destroy(quelm_export *ex) {
         ex->serializer_initialized = 0;
         return;
     }
-    quelm_export_process_queue(ex, 1);
-    quelm_export_flush(ex);
+    quelm_export_drain(ex);
     quelm_zmq_close(&ex->zmq);
     quelm_serializer_term(&ex->serializer);
     ex->initialized = 0;
@@ -221,10 +266,13 @@ void quelm_export_process_stats(quelm_export *ex, uint32_t flow_lifetime_timeout
         uint32_t len = 0;
         const char *text = quelm_serializer_get_buffer(&s, &len);
         const size_t text_len = text != nullptr ? strnlen(text, len) : 0;
-        if (text_len != 0 && text_len <= UINT16_MAX)
-            quelm_zmq_send(&ex->zmq, text, uint16_t(text_len), QUELM_ZMQ_TOPIC_EVENT,
-                           QUELM_ZMQ_VERSION_JSON);
+        const int sent = text_len != 0 && text_len <= UINT16_MAX
+                             ? quelm_zmq_send(&ex->zmq, text, uint16_t(text_len),
+                                              QUELM_ZMQ_TOPIC_EVENT, QUELM_ZMQ_VERSION_JSON)
+                             : -1;
         quelm_serializer_term(&s);
+        // Nobody subscribes to statistics yet, or the queue is full: the next call tries again.
+        if (sent == 0) return;
     }
     // A record that could not be built counts as sent: the next one is due in 3 seconds.
     ex->stats_last_msec = now;
@@ -247,7 +295,9 @@ void quelm_export_configure(quelm_export *ex, const char *endpoint, const char *
     if (ex->initialized && ex->format != format) {
         // A running exporter changes format between batches, so that every message's version
         // byte describes its payload.
+        ex->forced++;
         quelm_export_flush(ex);
+        ex->forced--;
         quelm_serializer_term(&ex->serializer);
         ex->batch_format = format;
         if (quelm_serializer_init(&ex->serializer, format) != 0) {

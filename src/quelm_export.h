@@ -30,6 +30,9 @@ struct quelm_export {
     uint32_t num_flow_drops;
     uint64_t stats_last_msec, stats_last_packets, stats_last_bytes;
     uint32_t timeout_msec;  // how long a forced drain may go without progress
+    uint32_t forced;        // forced drains running (flush, teardown): sends may wait
+    uint8_t stalled;        // a forced wait gave up: the next ones give up at once until a send
+                            // succeeds again
 };
 
 void quelm_export_init(quelm_export *exporter);
@@ -41,11 +44,17 @@ void quelm_export_configure(quelm_export *exporter, const char *endpoint,
 // Queues a flow the application hands over, draining the queue once it holds a batch's worth.
 void quelm_export_take_flow(quelm_export *exporter, quelm_flow *flow);
 void quelm_export_enqueue_flow(quelm_export *exporter, quelm_flow *flow);
-// Drains the queue, newest first (all of it when `force`); 1 when flows remain because the
-// per-millisecond budget ran out.
+// Drains the queue, newest first (all of it when `force`, else within the per-millisecond
+// budget); 1 when flows remain, because the budget ran out or the collectors take no more now.
+// Inside a forced drain (`forced`) a send waits for the collectors instead.
 int quelm_export_process_queue(quelm_export *exporter, int force);
-void quelm_export_process_flow(quelm_export *exporter, quelm_flow *flow);
-void quelm_export_flush(quelm_export *exporter);
+// Adds a flow's record to the batch (and releases the flow); 0 when the batch is full and the
+// collectors take no more now, after taking the flow.
+int quelm_export_process_flow(quelm_export *exporter, quelm_flow *flow);
+// Sends the batch; 0 when the collectors take no more now and the batch is kept.
+int quelm_export_flush(quelm_export *exporter);
+// Everything queued and batched out now, as a forced drain: sent, or counted as dropped.
+void quelm_export_drain(quelm_export *exporter);
 // Sends what is queued and batched, closes the transport; flows queued while the exporter never
 // ran are released.
 void quelm_export_destroy(quelm_export *exporter);

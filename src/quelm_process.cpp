@@ -185,9 +185,13 @@ void quelm_pre_export(quelm_table *table, quelm_flow *flow) {
 }
 
 void quelm_flush(quelm_table *table) {
+    // A forced drain: flows handed to the exporter from here wait for the collectors instead of
+    // overflowing its queue.
+    table->exporter.forced++;
     quelm::hash_harvest(table->hash_v4, QUELM_HASH_FLUSH_TIME);
     quelm::hash_harvest(table->hash_v6, QUELM_HASH_FLUSH_TIME);
     quelm_export_flows(table);
+    table->exporter.forced--;
 }
 
 }  // extern "C"

@@ -176,6 +176,10 @@ void quelm_zmq_export_flow(quelm_flow *flow, void *table) {
     quelm_export_take_flow(&static_cast<quelm_table *>(table)->exporter, flow);
 }
 
+void quelm_zmq_export_drain(quelm_table *table) {
+    quelm_export_drain(&table->exporter);
+}
+
 void quelm_zmq_export_stats(quelm_table *table, const char *if_name, uint16_t if_speed,
                             const char *if_ip, const char *probe_ip) {
     quelm_export_process_stats(&table->exporter, table->flow_lifetime_timeout,
@@ -190,12 +194,12 @@ void quelm_zmq_get_stats(quelm_table *table, quelm_zmq_stats *stats) {
 }
 
 void quelm_zmq_read_stats(quelm_table *table, quelm_zmq_stats *stats, size_t size) {
-    const quelm_export &ex = table->exporter;
+    quelm_export &ex = table->exporter;
+    quelm_zmq_read_events(&ex.zmq);
     const quelm_zmq &z = ex.zmq;
-    const quelm_zmq_stats all = {ex.batch_records,  ex.num_flow_exports, ex.num_flow_drops,
-                                 z.connections,     z.handshakes,        z.refused_auth,
-                                 z.refused_protocol, z.disconnections,   z.subscribers,
-                                 ex.queue_len};
+    const quelm_zmq_stats all = {
+        ex.batch_records, ex.num_flow_exports, ex.num_flow_drops, z.connections, z.handshakes,
+        z.refused_auth,   z.refused_protocol,  z.disconnections,  z.subscribed,  ex.queue_len};
     memcpy(stats, &all, size < sizeof all ? size : sizeof all);
 }
 

@@ -197,3 +197,38 @@ TEST_F(Export, StatisticsRecordEveryThreeSeconds) {
 }
 
 }  // namespace
+
+// The packet path never waits: what the collectors refuse stays queued. Forced drains wait up to
+// the timeout, then count the rest as dropped without waiting again.
+TEST_F(Export, RefusedSendsKeepFlowsUntilAForcedDrainGivesUp) {
+    // clang-format off
+    const struct { int refusals; bool subscribed; uint32_t exported, dropped; } cases[] = {
+        {3, true, 40, 0},    // a collector's queue is full for a while
+        {-1, true, 0, 40},   // and stays full
+        {0, false, 0, 40},   // nobody subscribes
+    };
+    // clang-format on
+    for (const auto &c : cases) {
+        state() = {};
+        if (!c.subscribed) state().subscriptions.clear();
+        start();
+        quelm_zmq_set_timeout(t, 50);
+        state().refuse_sends = c.refusals;
+        for (uint16_t n = 0; n < 40; n++) {  // ended by idle time in the packet path
+            const auto f = Frame().eth().ipv4("10.0.0.1", "10.0.0.2").tcp(1000 + n, 80).build();
+            const quelm_packet_header h{{100, 0}, uint32_t(f.size()), uint32_t(f.size())};
+            const quelm_packet_ext ext{};
+            quelm_process(t, f.data(), &h, &ext);
+        }
+        quelm_housekeeping(t, 200);
+        EXPECT_EQ(t->exporter.num_flow_drops, 0u) << "the packet path drops nothing";
+        const uint64_t before = utils_time_msec();
+        quelm_zmq_export_drain(t);
+        EXPECT_LT(utils_time_msec() - before, 1000u) << "one timeout, not one per batch";
+        EXPECT_EQ(t->exporter.num_flow_exports, c.exported);
+        EXPECT_EQ(t->exporter.num_flow_drops, c.dropped);
+        quelm_destroy_table(t);
+        t = quelm_create_table(0, 1024, 30, 120, 0);
+        quelm_set_flow_export_callback(t, quelm_zmq_export_flow, t);
+    }
+}
