@@ -129,9 +129,34 @@ namespace {
 
 void batch_done(quelm_export *ex, bool sent) {
     (sent ? ex->num_flow_exports : ex->num_flow_drops) += ex->batch_records;
-    if (sent) ex->stalled = 0;
     quelm_serializer_reset(&ex->serializer);
     ex->batch_records = 0;
+}
+
+}  // namespace
+
+namespace {
+
+// Sends one message. 1 sent; 0 not now (outside a forced drain), the caller keeps it; -1 gone
+// (libzmq failed, or a forced drain waited the whole timeout without progress; later forced
+// sends then give up at once).
+int send_or_wait(quelm_export *ex, const char *payload, uint16_t len, uint32_t topic,
+                 uint8_t version) {
+    uint64_t deadline = 0;
+    for (;;) {
+        const int rc = quelm_zmq_send(&ex->zmq, payload, len, topic, version);
+        if (rc == 1) ex->stalled = 0;
+        if (rc != 0) return rc;
+        // Nobody subscribes, or a collector's queue is full.
+        if (!ex->forced) return 0;
+        const uint64_t now = utils_time_msec();
+        if (deadline == 0) deadline = now + ex->timeout_msec;
+        if (ex->stalled || now >= deadline) break;
+        const uint64_t left = deadline - now;
+        quelm_zmq_wait(&ex->zmq, left < kWaitSliceMsec ? uint32_t(left) : kWaitSliceMsec);
+    }
+    ex->stalled = 1;
+    return -1;
 }
 
 }  // namespace
@@ -141,32 +166,14 @@ int quelm_export_flush(quelm_export *ex) {
     uint32_t len = 0;
     const char *batch = quelm_serializer_get_buffer(&ex->serializer, &len);
     const bool json = ex->batch_format == QUELM_EXPORT_FORMAT_JSON;
-    if (batch == nullptr || len > UINT16_MAX) {
-        batch_done(ex, false);
-        return 1;
-    }
-    uint64_t deadline = 0;
-    for (;;) {
-        const int rc = quelm_zmq_send(&ex->zmq, batch, uint16_t(len), QUELM_ZMQ_TOPIC_FLOW,
+    const int rc = batch == nullptr || len > UINT16_MAX
+                       ? -1
+                       : send_or_wait(ex, batch, uint16_t(len), QUELM_ZMQ_TOPIC_FLOW,
                                       json ? QUELM_ZMQ_VERSION_JSON : QUELM_ZMQ_VERSION_TLV);
-        if (rc != 0) {
-            if (rc == 1 && quelm_debug_enabled)
-                printf("[QUELM][EXPORT][%u] %s\n", len, json ? batch : "(TLV)");
-            batch_done(ex, rc == 1);
-            return 1;
-        }
-        // Nobody subscribes, or a collector's queue is full.
-        if (!ex->forced) return 0;
-        const uint64_t now = utils_time_msec();
-        if (deadline == 0) deadline = now + ex->timeout_msec;
-        if (ex->stalled || now >= deadline) break;
-        const uint64_t left = deadline - now;
-        quelm_zmq_wait(&ex->zmq, left < kWaitSliceMsec ? uint32_t(left) : kWaitSliceMsec);
-    }
-    // No collector took anything for the whole timeout: this batch and the rest of the drain are
-    // counted as dropped without waiting again.
-    ex->stalled = 1;
-    batch_done(ex, false);
+    if (rc == 0) return 0;
+    if (rc == 1 && quelm_debug_enabled)
+        printf("[QUELM][EXPORT][%u] %s\n", len, json ? batch : "(TLV)");
+    batch_done(ex, rc == 1);
     return 1;
 }
 
@@ -175,6 +182,12 @@ void quelm_export_drain(quelm_export *ex) {
     ex->forced++;
     quelm_export_process_queue(ex, 1);
     quelm_export_flush(ex);
+    // A statistics record the collectors had no room for goes after the flows it counts.
+    if (ex->pending_stats != nullptr)
+        send_or_wait(ex, ex->pending_stats, ex->pending_stats_len, QUELM_ZMQ_TOPIC_EVENT,
+                     QUELM_ZMQ_VERSION_JSON);
+    free(ex->pending_stats);
+    ex->pending_stats = nullptr;
     ex->forced--;
 }
 
@@ -189,6 +202,8 @@ void quelm_export_destroy(quelm_export *ex) {
     }
     quelm_export_drain(ex);
     quelm_zmq_close(&ex->zmq);
+    free(ex->pending_stats);
+    ex->pending_stats = nullptr;
     quelm_serializer_term(&ex->serializer);
     ex->initialized = 0;
     ex->serializer_initialized = 0;
@@ -270,8 +285,12 @@ void quelm_export_process_stats(quelm_export *ex, uint32_t flow_lifetime_timeout
                              ? quelm_zmq_send(&ex->zmq, text, uint16_t(text_len),
                                               QUELM_ZMQ_TOPIC_EVENT, QUELM_ZMQ_VERSION_JSON)
                              : -1;
+        // Nobody subscribes to statistics yet, or the queue is full: the record waits for the
+        // next call, which makes a newer one, or for a drain.
+        free(ex->pending_stats);
+        ex->pending_stats = sent == 0 ? strndup(text, text_len) : nullptr;
+        ex->pending_stats_len = uint16_t(text_len);
         quelm_serializer_term(&s);
-        // Nobody subscribes to statistics yet, or the queue is full: the next call tries again.
         if (sent == 0) return;
     }
     // A record that could not be built counts as sent: the next one is due in 3 seconds.

@@ -31,8 +31,10 @@ struct quelm_export {
     uint64_t stats_last_msec, stats_last_packets, stats_last_bytes;
     uint32_t timeout_msec;  // how long a forced drain may go without progress
     uint32_t forced;        // forced drains running (flush, teardown): sends may wait
-    uint8_t stalled;        // a forced wait gave up: the next ones give up at once until a send
-                            // succeeds again
+    char *pending_stats;    // a statistics record the collectors had no room for (owned)
+    uint16_t pending_stats_len;
+    uint8_t stalled;  // a forced wait gave up: the next ones give up at once until a send
+                      // succeeds again
 };
 
 void quelm_export_init(quelm_export *exporter);

@@ -30,6 +30,8 @@ struct ZmqPollItem {
 };
 constexpr int kSendBufferBytes = 8 * 1024 * 1024;
 constexpr size_t kZ85KeyLen = 40;
+// Messages sent between two readings of subscriptions and socket events.
+constexpr uint32_t kEventsEvery = 64;
 // How much of a payload a send-error message shows.
 constexpr uint16_t kShownPayload = 256;
 
@@ -230,9 +232,12 @@ int quelm_zmq_init(quelm_zmq *zmq, uint32_t send_high_water, uint32_t linger_mse
 int quelm_zmq_send(quelm_zmq *zmq, const void *payload, uint16_t size, uint32_t topic,
                    uint8_t version) {
     if (zmq->socket == nullptr) return -1;
-    quelm_zmq_read_events(zmq);
+    // Reading the socket's reports costs a system call or two: before every send while nobody
+    // subscribes, else once per kEventsEvery messages.
+    uint8_t &listening = topic == QUELM_ZMQ_TOPIC_FLOW ? zmq->subscribed : zmq->subscribed_events;
+    if (!listening || zmq->msg_id % kEventsEvery == 0) quelm_zmq_read_events(zmq);
     // The socket would take a message nobody subscribes to and drop it.
-    if (!(topic == QUELM_ZMQ_TOPIC_FLOW ? zmq->subscribed : zmq->subscribed_events)) return 0;
+    if (!listening) return 0;
     quelm_zmq_header header{};
     strncpy(header.topic, topic_text(topic), sizeof header.topic - 1);
     header.version = version;

@@ -12,7 +12,8 @@ enum ExitCode : int {
     kExitUnavailable = 69,  // a library the command needs (engine, libzmq) is missing or unusable
     kExitNoMemory = 71,     // the flow table cannot be allocated
     kExitCantCreate = 73,   // a temporary file cannot be created
-    kExitOutputError = 74   // the output cannot be created or written
+    kExitOutputError = 74,  // the output cannot be created or written
+    kExitTempFail = 75      // some flows could not be delivered (collectors too slow or gone)
 };
 
 // The more serious of two outcomes; the first error wins among errors.

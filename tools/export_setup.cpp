@@ -3,20 +3,17 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <vector>
 
 #include "exit_codes.h"
+#include "input_files.h"
 #include "run_report.h"
 #include "zmq_api.h"
 
 namespace quelm_tool {
 namespace {
-
-// After the probe saw a subscription, the library's socket needs a moment for its own connection
-// and handshake: a connecting socket retries every 100 ms, a collector reconnects to a bound one
-// as often.
-constexpr useconds_t kSettleConnectUs = 300000, kSettleBindUs = 500000;
 
 std::vector<std::string> split(const std::string &list) {
     std::vector<std::string> parts;
@@ -28,60 +25,58 @@ std::vector<std::string> split(const std::string &list) {
     return parts;
 }
 
-// A socket that subscribers talk to like the library's publisher: an XPUB, CURVE client with the
-// same server key, that passes every subscription up.
-class Probe {
-  public:
-    Probe(const ZmqApi &zmq, const char *server_key) : zmq_(zmq) {
-        context_ = zmq.ctx_new();
-        socket_ = context_ != nullptr ? zmq.socket(context_, ZMQ_XPUB) : nullptr;
-        if (socket_ == nullptr) return;
-        const int verbose = 1, linger = 0;
-        char client_public[41], client_secret[41];
-        zmq.setsockopt(socket_, ZMQ_XPUB_VERBOSE, &verbose, sizeof verbose);
-        zmq.setsockopt(socket_, ZMQ_LINGER, &linger, sizeof linger);
-        ready_ = zmq.curve_keypair(client_public, client_secret) == 0 &&
-                 zmq.setsockopt(socket_, ZMQ_CURVE_SERVERKEY, server_key, 41) == 0 &&
-                 zmq.setsockopt(socket_, ZMQ_CURVE_PUBLICKEY, client_public, 41) == 0 &&
-                 zmq.setsockopt(socket_, ZMQ_CURVE_SECRETKEY, client_secret, 41) == 0;
-    }
-    // Closes the socket and waits until libzmq has let go of its endpoints.
-    ~Probe() {
-        if (socket_ != nullptr) zmq_.close(socket_);
-        if (context_ != nullptr) zmq_.ctx_term(context_);
-    }
-    bool ready() const { return ready_; }
-    bool attach(const std::string &endpoint, bool connect, std::string *error) {
-        if ((connect ? zmq_.connect : zmq_.bind)(socket_, endpoint.c_str()) == 0) return true;
-        *error = std::string("cannot ") + (connect ? "connect to " : "listen on ") + endpoint +
-                 ": " + zmq_.strerror(zmq_.errno_value());
-        return false;
-    }
-    // Waits until `wanted` subscriptions to "flow" arrived, or the time is up.
-    bool wait(size_t wanted, double seconds) {
-        const double deadline = now_seconds() + seconds;
-        size_t seen = 0;
-        zmq_pollitem_t item = {socket_, 0, ZMQ_POLLIN, 0};
-        while (seen < wanted && now_seconds() < deadline) {
-            if (zmq_.poll(&item, 1, 100) <= 0) continue;
-            zmq_msg_t msg;
-            zmq_.msg_init(&msg);
-            if (zmq_.msg_recv(&msg, socket_, ZMQ_DONTWAIT) >= 0) {
-                const char *data = static_cast<const char *>(zmq_.msg_data(&msg));
-                const size_t size = zmq_.msg_size(&msg);
-                if (size == 5 && data[0] == 1 && std::string(data + 1, 4) == "flow") seen++;
-            }
-            zmq_.msg_close(&msg);
-        }
-        return seen >= wanted;
-    }
+// The collectors' public key: text, or @FILE of `quelm keygen`. '@' is also a Z85 digit: a
+// 40-character text is a key unless a file of that name exists.
+int server_key(const ZmqApi &zmq, const std::string &given, std::string *key, std::string *error) {
+    const bool file = !given.empty() && given[0] == '@' &&
+                      (given.size() != 40 || access(given.c_str() + 1, F_OK) == 0);
+    if (file) return read_key_file(zmq, given.substr(1), KeyHalf::kPublic, key, error);
+    *key = given;
+    if (is_z85_key(zmq, *key)) return kExitOk;
+    *error =
+        "the server key is not a CURVE public key (40 characters of Z85): give the key of a "
+        ".pub file of 'quelm keygen', or @FILE";
+    return kExitUsage;
+}
 
-  private:
-    const ZmqApi &zmq_;
-    void *context_ = nullptr;
-    void *socket_ = nullptr;
-    bool ready_ = false;
-};
+// The exporter's own key pair from its secret key file, handed to the library.
+int client_key(const ZmqApi &zmq, quelm_table *table, const std::string &path, std::string *error) {
+    std::string secret;
+    const int rc = read_key_file(zmq, path, KeyHalf::kSecret, &secret, error);
+    if (rc != kExitOk) return rc;
+    char public_key[41];
+    const bool ok = zmq.curve_public(public_key, secret.c_str()) == 0 &&
+                    quelm_zmq_set_client_key(table, public_key, secret.c_str()) == 0;
+    explicit_bzero(secret.data(), secret.size());
+    if (ok) return kExitOk;
+    *error = "libzmq cannot use the key of '" + path + "': " + zmq.strerror(zmq.errno_value());
+    return kExitDataError;
+}
+
+// Endpoints the library could not use would only be reported, so they are tried first: a
+// throwaway socket binds (and lets go: closing the context waits until the port is free) or
+// connects to each.
+int check_endpoints(const ZmqApi &zmq, const std::vector<std::string> &endpoints, bool connect,
+                    std::string *error) {
+    void *context = zmq.ctx_new();
+    void *socket = context != nullptr ? zmq.socket(context, ZMQ_XPUB) : nullptr;
+    int rc = socket != nullptr ? kExitOk : kExitUnavailable;
+    if (socket == nullptr)
+        *error = std::string("libzmq cannot make a socket: ") + zmq.strerror(zmq.errno_value());
+    for (size_t i = 0; rc == kExitOk && i < endpoints.size(); i++) {
+        if ((connect ? zmq.connect : zmq.bind)(socket, endpoints[i].c_str()) == 0) continue;
+        *error = std::string("cannot ") + (connect ? "connect to " : "listen on ") + endpoints[i] +
+                 ": " + zmq.strerror(zmq.errno_value());
+        rc = connect ? kExitUsage : kExitNoInput;
+    }
+    const int linger = 0;
+    if (socket != nullptr) {
+        zmq.setsockopt(socket, ZMQ_LINGER, &linger, sizeof linger);
+        zmq.close(socket);
+    }
+    if (context != nullptr) zmq.ctx_term(context);
+    return rc;
+}
 
 }  // namespace
 
@@ -126,12 +121,20 @@ void add_export_options(CLI::App &command, ExportOptions &o) {
         ->needs(zmq)
         ->group(group);
     command
-        .add_option("--zmq-wait", o.wait_seconds,
-                    "Wait at most SECONDS for a collector to subscribe at every endpoint before "
-                    "the first flow leaves (flows sent before are lost); 0 does not wait")
+        .add_option("--zmq-client-key", o.client_key,
+                    "The exporter's CURVE secret key (quelm keygen --client writes PREFIX.key), so "
+                    "that collectors can allow it by its public key (quelm collect "
+                    "--allow-keys); without it every run uses a fresh key pair")
+        ->type_name("FILE")
+        ->needs(zmq)
+        ->group(group);
+    command
+        .add_option("--zmq-timeout", o.timeout_seconds,
+                    "At the end, wait for the collectors at most SECONDS without progress, then "
+                    "count what is left as dropped; 0 does not wait")
         ->type_name("SECONDS")
         ->capture_default_str()
-        ->check(CLI::Range(0.0, 3600.0).description(""))
+        ->check(CLI::Range(0.0, 86400.0).description(""))
         ->needs(zmq)
         ->group(group);
 }
@@ -149,65 +152,32 @@ int ExportSession::start(quelm_table *table, const ExportOptions &o,
         fprintf(stderr, "%s: cannot export: %s\n", me, error.c_str());
         return kExitUnavailable;
     }
-    if (!o.server_key.empty() && !resolve_key(o.server_key, &key, &error)) {
-        fprintf(stderr, "%s: %s\n", me, error.c_str());
-        return kExitNoInput;
-    }
     const std::vector<std::string> endpoints = split(o.endpoints);
     if (endpoints.empty()) {
         fprintf(stderr, "%s: --zmq needs an endpoint such as tcp://127.0.0.1:5556\n", me);
         return kExitUsage;
     }
-    if (key.empty()) {
+    int rc = o.server_key.empty() ? kExitOk : server_key(*zmq, o.server_key, &key, &error);
+    if (rc == kExitOk) rc = check_endpoints(*zmq, endpoints, o.connect, &error);
+    if (rc == kExitOk && !o.client_key.empty()) rc = client_key(*zmq, table, o.client_key, &error);
+    if (rc != kExitOk) {
+        fprintf(stderr, "%s: %s\n", me, error.c_str());
+        return rc;
+    }
+    if (key.empty())
         fprintf(stderr,
                 "%s: no --zmq-server-key: the flows are encrypted for the library's built-in "
                 "key; only a collector holding its secret can read the flows. Make a key pair "
                 "with 'quelm keygen' and pass --zmq-server-key @PREFIX.pub\n",
                 me);
-    } else if (!is_z85_key(*zmq, key)) {
-        // The library refuses it with its own message (without a line end); then say what to do.
-        quelm_zmq_export_configure(table, o.endpoints.c_str(), key.c_str(), o.connect, 0, o.json);
-        fprintf(stderr,
-                "\n%s: the server key is not a CURVE public key (40 characters of Z85): give "
-                "the key of a .pub file of 'quelm keygen', or @FILE\n",
-                me);
-        return kExitUsage;
-    }
-    const std::string probe_key = key.empty() ? "Q7w.Fk2-Tz9m!xR4b^Lp8vN0c=Hs6yJe3Ud5aG1o" : key;
-
-    // The probe checks the endpoints before the library sees them, then waits for subscribers.
-    {
-        Probe probe(*zmq, probe_key.c_str());
-        if (!probe.ready()) {
-            fprintf(stderr, "%s: libzmq cannot set up CURVE: %s\n", me,
-                    zmq->strerror(zmq->errno_value()));
-            return kExitUnavailable;
-        }
-        for (const std::string &endpoint : endpoints) {
-            if (!probe.attach(endpoint, o.connect, &error)) {
-                fprintf(stderr, "%s: %s\n", me, error.c_str());
-                return o.connect ? kExitUsage : kExitNoInput;
-            }
-        }
-        // Connecting: the library's socket connects while the probe waits. Binding: the probe
-        // holds the endpoints until a collector has connected, then hands them to the library.
-        if (o.connect)
-            quelm_zmq_export_configure(table, o.endpoints.c_str(),
-                                       key.empty() ? nullptr : key.c_str(), 1, 0, o.json);
-        if (o.wait_seconds > 0) {
-            fprintf(stderr, "%s: waiting up to %g s for collectors to subscribe at %s\n", me,
-                    o.wait_seconds, o.endpoints.c_str());
-            if (!probe.wait(endpoints.size(), o.wait_seconds))
-                fprintf(stderr,
-                        "%s: not every endpoint has a collector that accepts the key; exporting "
-                        "anyway (flows sent while nobody subscribes are lost)\n",
-                        me);
-        }
-    }
-    if (!o.connect)
-        quelm_zmq_export_configure(table, o.endpoints.c_str(), key.empty() ? nullptr : key.c_str(),
-                                   0, 0, o.json);
-    if (o.wait_seconds > 0) usleep(o.connect ? kSettleConnectUs : kSettleBindUs);
+    quelm_zmq_set_timeout(table, uint32_t(o.timeout_seconds * 1000));
+    // The library says on standard error why an endpoint cannot be used.
+    quelm_zmq_export_configure(table, o.endpoints.c_str(), key.empty() ? nullptr : key.c_str(),
+                               o.connect, 0, o.json);
+    fprintf(stderr,
+            "%s: exporting to %s; flows wait for a collector to subscribe, at the end up to %g s "
+            "without progress (--zmq-timeout)\n",
+            me, o.endpoints.c_str(), o.timeout_seconds);
     started_ = now_seconds();
     return kExitOk;
 }
@@ -220,10 +190,31 @@ void ExportSession::tick() {
     if (table_ != nullptr && now_seconds() - started_ >= 3) send_stats();
 }
 
-void ExportSession::finish() {
-    if (table_ == nullptr) return;
+int ExportSession::finish() {
+    if (table_ == nullptr) return kExitOk;
     quelm_housekeeping(table_, uint32_t(time(nullptr)));
+    quelm_zmq_export_drain(table_);
     send_stats();
+    quelm_zmq_export_drain(table_);  // the statistics record, if it had to wait
+    quelm_zmq_read_stats(table_, &stats_, sizeof stats_);
+    const quelm_zmq_stats &s = stats_;
+    std::string refused;
+    if (s.refused_auth + s.refused_protocol != 0)
+        refused = ", " + std::to_string(s.refused_auth + s.refused_protocol) +
+                  " handshakes refused (" + std::to_string(s.refused_auth) + " key not allowed, " +
+                  std::to_string(s.refused_protocol) + " wrong server key or protocol)";
+    fprintf(stderr, "quelm flows: exported %u flows to %u collector%s, %u dropped%s\n",
+            s.num_flow_exports, s.handshakes, s.handshakes == 1 ? "" : "s", s.num_flow_drops,
+            refused.c_str());
+    const uint32_t due = s.num_flow_exports + s.num_flow_drops + s.queued_flows;
+    if (due != 0 && s.handshakes == 0) {
+        fprintf(stderr,
+                "quelm flows: no collector completed a handshake: is quelm collect running at "
+                "the endpoint, with the secret key of --zmq-server-key%s?\n",
+                s.refused_auth != 0 ? ", and does its --allow-keys list this exporter" : "");
+        return kExitUnavailable;
+    }
+    return s.num_flow_drops != 0 ? kExitTempFail : kExitOk;
 }
 
 }  // namespace quelm_tool

@@ -377,9 +377,11 @@ CLI::App *add_flows_command(CLI::App &app, FlowsOptions &options) {
         "\n"
         "Exit status: 0 success, 64 wrong command line, 65 damaged or unsupported input (the "
         "flows read before the damage are written) or a bad rules, protocols or categories "
-        "file, 66 an input or rules file cannot be opened, 69 the detection engine is missing "
-        "(use --no-dpi) or libzmq is missing (--zmq), 71 not enough memory for the table, 73 no "
-        "temporary file, 74 output cannot be written.");
+        "file or key file, 66 an input, rules or key file cannot be opened, 69 the detection "
+        "engine is missing (use --no-dpi), libzmq is missing (--zmq) or no collector completed a "
+        "handshake, 71 not enough memory for the table, 73 no temporary file, 74 output cannot "
+        "be written, 75 some flows could not be delivered to the collectors (counted in the "
+        "last line).");
     return command;
 }
 
@@ -437,7 +439,7 @@ int run_flows(const FlowsOptions &o) {
     }
 
     quelm_flush(table);
-    if (exporting) exporter.finish();
+    if (exporting) exit_code = worse_exit(exit_code, exporter.finish());
     progress.clear();
     if (!sink.close()) {
         complain("cannot write to %s: %s", sink.name().c_str(), std::strerror(sink.error_number()));
@@ -453,10 +455,10 @@ int run_flows(const FlowsOptions &o) {
         summary.live = live;
         print_summary(stderr, summary);
         if (exporting) {
-            quelm_zmq_stats zs;
-            quelm_zmq_get_stats(table, &zs);
-            fprintf(stderr, "%-20s %llu (%u dropped, the rest sent at exit)\n", "flows exported",
-                    (unsigned long long)writer.flows_written(), zs.num_flow_drops);
+            const quelm_zmq_stats &zs = exporter.stats();
+            fprintf(stderr, "%-20s %u (%u dropped, %u collectors, %u handshakes refused)\n",
+                    "flows exported", zs.num_flow_exports, zs.num_flow_drops, zs.handshakes,
+                    zs.refused_auth + zs.refused_protocol);
         }
         if (o.detection.enabled) print_protocol_totals(stderr, writer.protocol_totals());
     }
