@@ -504,7 +504,8 @@ QUELM_API void quelm_zmq_export_configure(quelm_table *table, const char *endpoi
 QUELM_API void quelm_zmq_export_flow(quelm_flow *flow, void *table);
 /* Sends every queued and batched record now, waiting for the collectors as quelm_flush does
  * (see quelm_zmq_set_timeout): afterwards each record handed over is counted as exported or
- * dropped. */
+ * dropped. The next quelm_zmq_export_stats call sends a record however soon it comes, so that a
+ * last record counts everything; call quelm_zmq_export_drain once more to wait for it too. */
 QUELM_API void quelm_zmq_export_drain(quelm_table *table);
 /* Sends a statistics record of the table, at most one every 3 seconds. */
 QUELM_API void quelm_zmq_export_stats(quelm_table *table, const char *if_name, uint16_t if_speed,

@@ -188,6 +188,8 @@ void quelm_export_drain(quelm_export *ex) {
                      QUELM_ZMQ_VERSION_JSON);
     free(ex->pending_stats);
     ex->pending_stats = nullptr;
+    // The next statistics record, however soon, counts what this drain settled.
+    ex->stats_due = 1;
     ex->forced--;
 }
 
@@ -232,9 +234,9 @@ void quelm_export_process_stats(quelm_export *ex, uint32_t flow_lifetime_timeout
     if (!ex->initialized || ex->zmq.socket == nullptr) return;
     const char *probe = probe_ip != nullptr ? probe_ip : kDefaultProbeIp;
     const uint64_t now = utils_time_msec();
-    if (ex->stats_last_msec + kStatsIntervalMsec > now) return;
+    if (!ex->stats_due && ex->stats_last_msec + kStatsIntervalMsec > now) return;
     uint64_t bps = 0, pps = 0;
-    if (ex->stats_last_msec != 0) {
+    if (ex->stats_last_msec != 0 && now > ex->stats_last_msec) {
         const double elapsed = double(now - ex->stats_last_msec);
         pps = clamp_rate(double(packets - ex->stats_last_packets) * 1000 / elapsed);
         bps = clamp_rate(double(bytes - ex->stats_last_bytes) * 8 * 1000 / elapsed);
@@ -294,6 +296,7 @@ void quelm_export_process_stats(quelm_export *ex, uint32_t flow_lifetime_timeout
         if (sent == 0) return;
     }
     // A record that could not be built counts as sent: the next one is due in 3 seconds.
+    ex->stats_due = 0;
     ex->stats_last_msec = now;
     ex->stats_last_packets = packets;
     ex->stats_last_bytes = bytes;

@@ -33,8 +33,9 @@ struct quelm_export {
     uint32_t forced;        // forced drains running (flush, teardown): sends may wait
     char *pending_stats;    // a statistics record the collectors had no room for (owned)
     uint16_t pending_stats_len;
-    uint8_t stalled;  // a forced wait gave up: the next ones give up at once until a send
-                      // succeeds again
+    uint8_t stats_due;  // a drain ran: the next statistics record goes out at once
+    uint8_t stalled;    // a forced wait gave up: the next ones give up at once until a send
+                        // succeeds again
 };
 
 void quelm_export_init(quelm_export *exporter);
