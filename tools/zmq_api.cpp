@@ -45,10 +45,13 @@ const ZmqApi *load_zmq(std::string *error) {
             bind_symbol(lib, "zmq_msg_size", &api.msg_size, &missing);
             bind_symbol(lib, "zmq_msg_more", &api.msg_more, &missing);
             bind_symbol(lib, "zmq_msg_close", &api.msg_close, &missing);
+            bind_symbol(lib, "zmq_msg_gets", &api.msg_gets, &missing);
+            bind_symbol(lib, "zmq_send", &api.send, &missing);
             bind_symbol(lib, "zmq_poll", &api.poll, &missing);
             bind_symbol(lib, "zmq_curve_keypair", &api.curve_keypair, &missing);
             bind_symbol(lib, "zmq_curve_public", &api.curve_public, &missing);
             bind_symbol(lib, "zmq_z85_decode", &api.z85_decode, &missing);
+            bind_symbol(lib, "zmq_z85_encode", &api.z85_encode, &missing);
             bind_symbol(lib, "zmq_errno", &api.errno_value, &missing);
             bind_symbol(lib, "zmq_strerror", &api.strerror, &missing);
             if (missing.empty()) {
