@@ -1,6 +1,8 @@
 // `quelm collect`: the receiving side of flow export. A SUB socket that is the CURVE server takes
 // the exporters' messages, checks every header, decodes the records (TLV or JSON) and writes one
-// line per record.
+// line per record, naming the exporter that sent it. A ZAP handler in the same loop sees every
+// handshake: it admits the keys of --allow-keys (or any key without it) and names each exporter by
+// its public key.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -17,6 +19,7 @@ struct CollectOptions {
     std::string bind;        // comma-separated endpoints to bind, or
     std::string connect;     // to connect to
     std::string secret_key;  // file holding the collector's secret key (Z85)
+    std::string allow_keys;  // file of the exporters' public keys; empty: any exporter
     bool text = false;       // --format text
     std::string output = "-";
 };
@@ -26,9 +29,14 @@ int run_collect(const CollectOptions &options);
 
 // ---- The pieces, for tests -------------------------------------------------------------------
 
+// Why a message is malformed, as the summary counts it.
+enum class Malformed { kParts, kHeaderSize, kTopic, kSize, kVersion, kJson, kTlv, kCount };
+const char *malformed_name(Malformed reason);
+
 // What one message brought: its records, or why it is malformed.
 struct DecodedMessage {
     bool ok = false;
+    Malformed reason = Malformed::kCount;
     std::string problem;
     bool stats = false;           // topic "event": statistics records
     uint32_t counter = 0;         // the exporter's message counter
@@ -36,12 +44,15 @@ struct DecodedMessage {
     std::vector<Record> records;  // objects, keys as received ("8", "47521.118", ...)
 };
 
-// Checks a two-part message (24-byte header, payload) and decodes its payload.
+// Checks a two-part message (24-byte header, payload) and decodes its payload. A message of more
+// than two parts may come with its third part only.
 DecodedMessage decode_message(const std::vector<std::string> &parts);
 
 // A flow record with the NetFlow names of its keys, in lower case ("ipv4_src_addr"), plus
-// "l7_proto" ("7.91") and its name when `protocol_name` knows it; event_type "flow" first.
-Record name_flow_fields(const Record &record, std::string (*protocol_name)(const std::string &ids));
+// "l7_proto" ("7.91") and its name when `protocol_name` knows it; event_type "flow" and the
+// exporter's `probe` first (its keys become field_KEY, so they cannot take those names).
+Record name_flow_fields(const Record &record, const std::string &probe,
+                        std::string (*protocol_name)(const std::string &ids));
 
 // Message counters, which start at 0: gaps are losses (so is a first counter above 0); a counter
 // that goes back is an exporter that restarted.

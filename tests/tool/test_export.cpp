@@ -33,9 +33,14 @@ const wire::Field &field(uint32_t id) {
 // `quelm collect` in the background, writing its records to a file of its own folder.
 class Collector {
   public:
-    Collector(const std::string &mode, const std::string &where, const std::string &key) {
-        pid_ = tool_.spawn({QUELM_TOOL_PATH, "collect", mode, where, "--secret-key", key + ".key",
-                            "-w", tool_.path("out")});
+    Collector(const std::string &mode, const std::string &where, const std::string &key,
+              const std::string &allow_keys = "") {
+        pid_ = tool_.spawn(tool_.words("QUELM collect " + mode + " WHERE --secret-key KEY -w OUT " +
+                                           (allow_keys.empty() ? "" : "--allow-keys " + allow_keys),
+                                       {{"QUELM", QUELM_TOOL_PATH},
+                                        {"WHERE", where},
+                                        {"KEY", key + ".key"},
+                                        {"OUT", tool_.path("out")}}));
         // "quelm collect: listening on tcp://127.0.0.1:41234; Ctrl-C ends", once it is.
         EXPECT_TRUE(tool_.wait_for("stderr", "; Ctrl-C ends"));
         const std::string err = tool_.read("stderr");
@@ -46,6 +51,7 @@ class Collector {
         if (pid_ > 0) stop();
     }
     std::string output() const { return tool_.read("out"); }
+    bool wait_for(const std::string &text) const { return tool_.wait_for("stderr", text); }
     ToolResult stop() {  // SIGINT, as a user would; the summary is on standard error
         kill(pid_, SIGINT);
         const ToolResult r = tool_.finish(pid_);
@@ -164,24 +170,40 @@ std::string header(const char *topic, uint8_t version, uint16_t size, uint32_t c
 }
 
 // Whatever arrives, the collector writes the records it can read, reports what it cannot and what
-// went missing by the counters, and goes on. Its records and its report (after the listening line)
-// must equal the baselines collector.json and collector.txt.
+// went missing by the counters of each exporter, and goes on. Exporter a sends most messages, b
+// some between them (one too large for the collector, which drops b's connection), and a key that
+// is not allowed gets nothing through. The records and the report (after the listening line) must
+// equal the baselines collector.json and collector.txt.
 TEST_F(Export, CollectorReadsReportsAndCountsEveryMessage) {
-    Collector collector("--bind", "tcp://127.0.0.1:*", key);
+    // Fixed keys, so that the baselines can name a and b; the forged key is a fresh one.
+    const char *a_key = "R[d(.5LCvE@g@dPp)tQ}6pzZiub9TwliD)^/J]d>",
+               *b_key = "+zz=d]u?2!}F]O-)gb3NDBnu[pOj}%[jUc7)NIy9";
+    char forged_key[41], forged_secret[41];
+    zmq_curve_keypair(forged_key, forged_secret);
+    tool.write("allowed", std::string("# probe a\n") + a_key + "\n\n# b\n" + b_key + "\n");
+    Collector collector("--bind", "tcp://127.0.0.1:*", key, tool.path("allowed"));
     const std::string server_key = tool.read("k.pub").substr(0, 40);
-    char client_public[41], client_secret[41];
-    zmq_curve_keypair(client_public, client_secret);
-    void *context = zmq_ctx_new(), *pub = zmq_socket(context, ZMQ_XPUB);
-    zmq_setsockopt(pub, ZMQ_CURVE_SERVERKEY, server_key.c_str(), 41);
-    zmq_setsockopt(pub, ZMQ_CURVE_PUBLICKEY, client_public, 41);
-    zmq_setsockopt(pub, ZMQ_CURVE_SECRETKEY, client_secret, 41);
-    ASSERT_EQ(zmq_connect(pub, collector.endpoint.c_str()), 0);
-    const int timeout_ms = 20000;
-    zmq_setsockopt(pub, ZMQ_RCVTIMEO, &timeout_ms, sizeof timeout_ms);
-    char subscription[16];  // wait until the collector has subscribed to flows: it is heard
-    const std::string flow_subscription = std::string(1, '\1') + wire::kTopicFlow;
-    for (int n = 0; std::string(subscription, std::max(n, 0)) != flow_subscription;)
-        ASSERT_GT(n = zmq_recv(pub, subscription, sizeof subscription, 0), 0);
+    void *context = zmq_ctx_new();
+    const int timeout_ms = 20000, verbose = 1;
+    auto exporter = [&](const char *public_key, const char *secret_key, int reconnect_ms) {
+        void *pub = zmq_socket(context, ZMQ_XPUB);
+        zmq_setsockopt(pub, ZMQ_CURVE_SERVERKEY, server_key.c_str(), 41);
+        zmq_setsockopt(pub, ZMQ_CURVE_PUBLICKEY, public_key, 41);
+        zmq_setsockopt(pub, ZMQ_CURVE_SECRETKEY, secret_key, 41);
+        zmq_setsockopt(pub, ZMQ_RCVTIMEO, &timeout_ms, sizeof timeout_ms);
+        zmq_setsockopt(pub, ZMQ_XPUB_VERBOSE, &verbose, sizeof verbose);
+        zmq_setsockopt(pub, ZMQ_RECONNECT_IVL, &reconnect_ms, sizeof reconnect_ms);
+        EXPECT_EQ(zmq_connect(pub, collector.endpoint.c_str()), 0);
+        return pub;
+    };
+    // The collector has subscribed to flows (again after a reconnection: verbose): it is heard.
+    auto subscribed = [](void *pub) {
+        char s[16];
+        const std::string flow_subscription = std::string(1, '\1') + wire::kTopicFlow;
+        for (int n = 0; std::string(s, std::max(n, 0)) != flow_subscription;)
+            if ((n = zmq_recv(pub, s, sizeof s, 0)) < 0) return false;
+        return true;
+    };
     // One record three ways (JSON, TLV, TLV with the size in the other byte order): 58 = 0,
     // 8 = "10.0.0.1", 2 = 3, the protocol "7.7" (HTTP) and 999 = 1, a field without a name.
     const std::string json = R"({"58":0,"8":"10.0.0.1","2":3,"47521.118":"7.7","999":1})";
@@ -192,7 +214,7 @@ TEST_F(Export, CollectorReadsReportsAndCountsEveryMessage) {
         R"([{"8":"café \u00e9 \u00c0\u00af \u00ed\u00a0\u0080 \u00c3 \ud83d\ude00)"
         R"( \\u00e9 \" \t"},{"7":1}])";
     const uint16_t j = uint16_t(json.size()), t = uint16_t(tlv.size());
-    const std::vector<std::string> messages[] = {
+    const std::vector<std::vector<std::string>> messages = {
         {header("flow", 2, j, 5), json},  // a collector that joined late: five lost before
         {header("flow", 3, t, 6), tlv},
         {header("flow", 3, htons(t), 7), tlv},
@@ -216,17 +238,47 @@ TEST_F(Export, CollectorReadsReportsAndCountsEveryMessage) {
         {header("flow", 2, j, 3), json},                                 // the exporter restarted
         {header("flow", 2, j, 0xFFFFFFFF), json},                        // 4294967291 lost
         {header("flow", 2, j, 0), json},                                 // and the counter wraps
-        {header("event", 2, 10, 1), R"({"last":1})"},
+        {header("event", 2, 20, 1), R"({"probe":1,"last":1})"},  // "probe" is the collector's
     };
-    for (const std::vector<std::string> &parts : messages)
-        for (size_t i = 0; i < parts.size(); i++)
-            zmq_send(pub, parts[i].data(), parts[i].size(), i + 1 < parts.size() ? ZMQ_SNDMORE : 0);
+    auto send = [](void *pub, auto from, auto to) {
+        for (; from != to; ++from)
+            for (size_t i = 0; i < from->size(); i++)
+                zmq_send(pub, (*from)[i].data(), (*from)[i].size(),
+                         i + 1 < from->size() ? ZMQ_SNDMORE : 0);
+    };
+    auto lines = [&](size_t n) {
+        return eventually([&] {
+            const std::string out = collector.output();
+            return size_t(std::count(out.begin(), out.end(), '\n')) == n;
+        });
+    };
+    // a's first four messages (five records), then b's, its counters from 0; the third is too
+    // large, so its connection is closed and made anew, and the fourth counts it as lost.
+    const std::vector<std::vector<std::string>> from_b = {
+        {header("flow", 2, j, 0), json},
+        {header("flow", 2, j, 1), json},
+        {header("flow", 2, 0, 2), std::string(wire::kHeaderLen + 65536, '[')},
+        {header("flow", 2, j, 3), json}};
+    void *a = exporter(a_key, "ooz52IO[GdFn6r1y(9aW-I@+fEa+}!9dqo}]sR)?", 100);
+    void *b = exporter(b_key, "9kbE@5BOL2Ttk!Bn3l=]:/#5lZFq*yN]:3Q*)w@k", 100);
+    ASSERT_TRUE(subscribed(a) && subscribed(b));
+    send(a, messages.begin(), messages.begin() + 4);
+    EXPECT_TRUE(lines(5));
+    send(b, from_b.begin(), from_b.begin() + 3);
+    EXPECT_TRUE(lines(7) && subscribed(b));
+    send(b, from_b.begin() + 3, from_b.end());
+    EXPECT_TRUE(lines(8));
+    send(a, messages.begin() + 4, messages.end());
     EXPECT_TRUE(
         eventually([&] { return collector.output().find("\"last\"") != std::string::npos; }));
-    zmq_close(pub);
+    void *forged = exporter(forged_key, forged_secret, -1);  // one try: one refusal
+    EXPECT_TRUE(collector.wait_for("refused exporter"));
+    for (void *pub : {a, b, forged})
+        zmq_close(pub);
     zmq_ctx_term(context);
-    const std::string report = collector.stop().err;
-    expect_baseline("collector.json", collector.output());  // the first three lines the same
+    std::string report = collector.stop().err;
+    report.replace(report.find(forged_key), 40, "FORGED");
+    expect_baseline("collector.json", collector.output());  // a's first three lines the same
     expect_baseline("collector.txt", report.substr(report.find('\n') + 1));
 }
 
