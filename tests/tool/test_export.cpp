@@ -34,13 +34,10 @@ const wire::Field &field(uint32_t id) {
 class Collector {
   public:
     Collector(const std::string &mode, const std::string &where, const std::string &key,
-              const std::string &allow_keys = "") {
-        pid_ = tool_.spawn(tool_.words("QUELM collect " + mode + " WHERE --secret-key KEY -w OUT " +
-                                           (allow_keys.empty() ? "" : "--allow-keys " + allow_keys),
-                                       {{"QUELM", QUELM_TOOL_PATH},
-                                        {"WHERE", where},
-                                        {"KEY", key + ".key"},
-                                        {"OUT", tool_.path("out")}}));
+              std::vector<std::string> more = {}) {
+        more.insert(more.begin(), {QUELM_TOOL_PATH, "collect", mode, where, "--secret-key",
+                                   key + ".key", "-w", tool_.path("out")});
+        pid_ = tool_.spawn(more);
         // "quelm collect: listening on tcp://127.0.0.1:41234; Ctrl-C ends", once it is.
         EXPECT_TRUE(tool_.wait_for("stderr", "; Ctrl-C ends"));
         const std::string err = tool_.read("stderr");
@@ -181,18 +178,18 @@ TEST_F(Export, CollectorReadsReportsAndCountsEveryMessage) {
     char forged_key[41], forged_secret[41];
     zmq_curve_keypair(forged_key, forged_secret);
     tool.write("allowed", std::string("# probe a\n") + a_key + "\n\n# b\n" + b_key + "\n");
-    Collector collector("--bind", "tcp://127.0.0.1:*", key, tool.path("allowed"));
+    Collector collector("--bind", "tcp://127.0.0.1:*", key, {"--allow-keys", tool.path("allowed")});
     const std::string server_key = tool.read("k.pub").substr(0, 40);
     void *context = zmq_ctx_new();
-    const int timeout_ms = 20000, verbose = 1;
     auto exporter = [&](const char *public_key, const char *secret_key, int reconnect_ms) {
         void *pub = zmq_socket(context, ZMQ_XPUB);
         zmq_setsockopt(pub, ZMQ_CURVE_SERVERKEY, server_key.c_str(), 41);
         zmq_setsockopt(pub, ZMQ_CURVE_PUBLICKEY, public_key, 41);
         zmq_setsockopt(pub, ZMQ_CURVE_SECRETKEY, secret_key, 41);
-        zmq_setsockopt(pub, ZMQ_RCVTIMEO, &timeout_ms, sizeof timeout_ms);
-        zmq_setsockopt(pub, ZMQ_XPUB_VERBOSE, &verbose, sizeof verbose);
-        zmq_setsockopt(pub, ZMQ_RECONNECT_IVL, &reconnect_ms, sizeof reconnect_ms);
+        for (auto [option, value] : {std::pair{ZMQ_RCVTIMEO, 20000},
+                                     {ZMQ_XPUB_VERBOSE, 1},
+                                     {ZMQ_RECONNECT_IVL, reconnect_ms}})
+            zmq_setsockopt(pub, option, &value, sizeof value);
         EXPECT_EQ(zmq_connect(pub, collector.endpoint.c_str()), 0);
         return pub;
     };
@@ -219,58 +216,48 @@ TEST_F(Export, CollectorReadsReportsAndCountsEveryMessage) {
         {header("flow", 3, t, 6), tlv},
         {header("flow", 3, htons(t), 7), tlv},
         {header("flow", 2, uint16_t(bytes.size()), 8), bytes},
-        {header("flow", 3, j, 9), json},                                     // says TLV, is JSON
-        {header("flow", 2, t, 10), tlv},                                     // says JSON, is TLV
-        {header("event", 3, t, 11), tlv},                                    // statistics in TLV
-        {header("flows", 2, 2, 12), "{}"},                                   // unknown topic
-        {std::string("flow\0x", 6) + header("", 2, 2, 13).substr(6), "{}"},  // topic not padded
-        {header("flow", 1, 2, 14), "{}"},                                    // unknown version
-        {header("flow", 2, 3, 15), "{}"},                                    // wrong size
-        {"flow-but-short", "{}"},                                            // no header
-        {header("flow", 2, 2, 16)},                                          // one part
-        {header("flow", 2, 2, 17), "{}", "extra"},                           // three parts
-        {header("flow", 2, 3, 18), "{1}"},                                   // bad JSON
-        {header("flow", 2, 3, 19), "[1]"},                                   // a batch of numbers
+        {header("flow", 2, j, 0), json},  // b's, its counter from 0
+        {header("flow", 2, j, 1), json},
+        {header("flow", 2, 0, 2), std::string(wire::kHeaderLen + 65536, '[')},  // too large
+        {header("flow", 2, j, 3), json},                                        // one lost
+        {header("flow", 3, j, 9), json},                                        // says TLV, is JSON
+        {header("flow", 2, t, 10), tlv},                                        // says JSON, is TLV
+        {header("event", 3, t, 11), tlv},                                       // statistics in TLV
+        {header("flows", 2, 2, 12), "{}"},                                      // unknown topic
+        {std::string("flow\0x", 6) + header("", 2, 2, 13).substr(6), "{}"},     // topic not padded
+        {header("flow", 1, 2, 14), "{}"},                                       // unknown version
+        {header("flow", 2, 3, 15), "{}"},                                       // wrong size
+        {"flow-but-short", "{}"},                                               // no header
+        {header("flow", 2, 2, 16)},                                             // one part
+        {header("flow", 2, 2, 17), "{}", "extra"},                              // three parts
+        {header("flow", 2, 3, 18), "{1}"},                                      // bad JSON
+        {header("flow", 2, 3, 19), "[1]"},  // a batch of numbers
         {header("flow", 2, 300, 20), std::string(150, '[') + std::string(150, ']')},  // deep
         {header("flow", 3, 4, 21), std::string("\x01\x11\x3a", 3) + char(0x80)},      // cut TLV
         {header("flow", 3, 4, 22), std::string("\x01\x24\x01\x62", 4)},  // TLV block left open
-        {header("flow", 2, j, 25), json},                                // two lost before
         {header("flow", 2, j, 3), json},                                 // the exporter restarted
         {header("flow", 2, j, 0xFFFFFFFF), json},                        // 4294967291 lost
         {header("flow", 2, j, 0), json},                                 // and the counter wraps
         {header("event", 2, 20, 1), R"({"probe":1,"last":1})"},  // "probe" is the collector's
     };
-    auto send = [](void *pub, auto from, auto to) {
-        for (; from != to; ++from)
-            for (size_t i = 0; i < from->size(); i++)
-                zmq_send(pub, (*from)[i].data(), (*from)[i].size(),
-                         i + 1 < from->size() ? ZMQ_SNDMORE : 0);
-    };
-    auto lines = [&](size_t n) {
-        return eventually([&] {
-            const std::string out = collector.output();
-            return size_t(std::count(out.begin(), out.end(), '\n')) == n;
-        });
-    };
-    // a's first four messages (five records), then b's, its counters from 0; the third is too
-    // large, so its connection is closed and made anew, and the fourth counts it as lost.
-    const std::vector<std::vector<std::string>> from_b = {
-        {header("flow", 2, j, 0), json},
-        {header("flow", 2, j, 1), json},
-        {header("flow", 2, 0, 2), std::string(wire::kHeaderLen + 65536, '[')},
-        {header("flow", 2, j, 3), json}};
     void *a = exporter(a_key, "ooz52IO[GdFn6r1y(9aW-I@+fEa+}!9dqo}]sR)?", 100);
     void *b = exporter(b_key, "9kbE@5BOL2Ttk!Bn3l=]:/#5lZFq*yN]:3Q*)w@k", 100);
     ASSERT_TRUE(subscribed(a) && subscribed(b));
-    send(a, messages.begin(), messages.begin() + 4);
-    EXPECT_TRUE(lines(5));
-    send(b, from_b.begin(), from_b.begin() + 3);
-    EXPECT_TRUE(lines(7) && subscribed(b));
-    send(b, from_b.begin() + 3, from_b.end());
-    EXPECT_TRUE(lines(8));
-    send(a, messages.begin() + 4, messages.end());
-    EXPECT_TRUE(
-        eventually([&] { return collector.output().find("\"last\"") != std::string::npos; }));
+    // a's first four messages, b's four (its connection closed by the third and made anew), a's
+    // others, each time until the collector has written all their records.
+    const std::tuple<void *, size_t, size_t, size_t> steps[] = {
+        {a, 0, 4, 5}, {b, 4, 7, 7}, {b, 7, 8, 8}, {a, 8, messages.size(), 12}};
+    for (const auto &[pub, from, to, lines] : steps) {
+        for (size_t m = from; m < to; m++)
+            for (size_t i = 0; i < messages[m].size(); i++)
+                zmq_send(pub, messages[m][i].data(), messages[m][i].size(),
+                         i + 1 < messages[m].size() ? ZMQ_SNDMORE : 0);
+        EXPECT_TRUE(eventually([&, lines = lines] {
+                        const std::string out = collector.output();
+                        return size_t(std::count(out.begin(), out.end(), '\n')) == lines;
+                    }) &&
+                    (to != 7 || subscribed(b)));
+    }
     void *forged = exporter(forged_key, forged_secret, -1);  // one try: one refusal
     EXPECT_TRUE(collector.wait_for("refused exporter"));
     for (void *pub : {a, b, forged})
