@@ -3,7 +3,8 @@
 #include <dlfcn.h>
 #include <unistd.h>
 
-#include <fstream>
+#include "exit_codes.h"
+#include "input_files.h"
 
 namespace quelm_tool {
 namespace {
@@ -82,13 +83,10 @@ bool resolve_key(const std::string &given, std::string *key, std::string *error)
         *key = given;
         return true;
     }
-    std::ifstream in(given.substr(1));
-    if (!in) {
-        *error = "cannot open the key file '" + given.substr(1) + "'";
-        return false;
-    }
-    in >> *key;  // the first word: files of `quelm keygen` hold the key and a line end
-    return true;
+    // Comment lines, then the key: the .pub files of `quelm keygen`.
+    const ZmqApi *zmq = load_zmq(error);
+    return zmq != nullptr &&
+           read_key_file(*zmq, given.substr(1), KeyHalf::kPublic, key, error) == kExitOk;
 }
 
 }  // namespace quelm_tool

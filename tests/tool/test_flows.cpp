@@ -294,7 +294,7 @@ TEST_F(FlowsTool, ExitStatusesTellWhatWentWrong) {
         {"flows -r GOOD --zmq ANY --zmq-server-key tooshort", 64, "key size (8 != 40)"},
         {"flows -r GOOD --zmq ANY --zmq-server-key NOKEY", 64,
          "(22)\nquelm flows: the server key is not a CURVE public key"},
-        {"flows -r GOOD --zmq ANY --zmq-server-key @no.pub", 66, "cannot open the key file"},
+        {"flows -r GOOD --zmq ANY --zmq-server-key @no.pub", 66, "cannot open 'no.pub'"},
         {"flows -r GOOD --zmq nonsense://x --zmq-connect", 64, "cannot connect to nonsense://x"},
         // Without a server key the library's built-in one is used, and the user is told.
         {"flows -r GOOD --zmq ANY --zmq-wait 0", 0, "only a collector holding its secret can read"},
