@@ -83,7 +83,7 @@ int read_allow_list(const ZmqApi &zmq, const std::string &path, std::set<std::st
         const std::string &raw = lines[i];
         const size_t from = raw.find_first_not_of(" \t\r"), to = raw.find_last_not_of(" \t\r");
         const std::string line = from == std::string::npos ? "" : raw.substr(from, to - from + 1);
-        const std::string where = path + ":" + std::to_string(i + 1) + ": ";
+        const std::string where = "'" + path + "', line " + std::to_string(i + 1) + ": ";
         if (is_z85_key(zmq, line)) {
             keys->insert(line);
         } else if (line.starts_with("secret-key")) {

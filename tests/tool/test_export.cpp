@@ -179,7 +179,7 @@ TEST_F(Export, CollectorReadsReportsAndCountsEveryMessage) {
     zmq_curve_keypair(forged_key, forged_secret);
     tool.write("allowed", std::string("# probe a\n") + a_key + "\n\n# b\n" + b_key + "\n");
     Collector collector("--bind", "tcp://127.0.0.1:*", key, {"--allow-keys", tool.path("allowed")});
-    const std::string server_key = tool.read("k.pub").substr(0, 40);
+    const std::string pub = tool.read("k.pub"), server_key = pub.substr(pub.size() - 41, 40);
     void *context = zmq_ctx_new();
     auto exporter = [&](const char *public_key, const char *secret_key, int reconnect_ms) {
         void *pub = zmq_socket(context, ZMQ_XPUB);

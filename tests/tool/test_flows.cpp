@@ -299,13 +299,14 @@ TEST_F(FlowsTool, ExitStatusesTellWhatWentWrong) {
         // Without a server key the library's built-in one is used, and the user is told.
         {"flows -r GOOD --zmq ANY --zmq-wait 0", 0, "only a collector holding its secret can read"},
         {"collect --secret-key bad.key", 64, "--bind ENDPOINT"},
-        {"collect --bind ANY --secret-key no.key", 66, "cannot open the secret key file"},
-        {"collect --bind ANY --secret-key bad.key", 65, "make one with quelm keygen"},
+        {"collect --bind ANY --secret-key no.key", 66, "cannot open 'no.key'"},
+        {"collect --bind ANY --secret-key bad.key", 65, "make keys with quelm keygen"},
         {"collect --bind nonsense://x --secret-key k.key", 66, "cannot listen on nonsense://x"},
         {"collect --bind ANY --secret-key k.key -w no/out", 74, "no/out"},
-        {"collect --bind ANY --secret-key k.key --allow-keys bad.allow", 65, "bad.allow:3: not a"},
+        {"collect --bind ANY --secret-key k.key --allow-keys bad.allow", 65,
+         "'bad.allow', line 3: not a"},
         {"collect --bind ANY --secret-key k.key --allow-keys secret.allow", 65,
-         "allow:1: a secret"},
+         "allow', line 1: a secret"},
     };
     for (const auto &[line, exit_code, message] : cases) {
         const ToolResult r = tool.run(tool.words(line, {{"GOOD", "good.pcap"},
