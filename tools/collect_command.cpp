@@ -1,19 +1,18 @@
 #include "collect_command.h"
 
-#include <arpa/inet.h>
-#include <pelda.h>
 #include <quelm.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <map>
+#include <set>
 
 #include "quelm_wire.h"
 
 #include "exit_codes.h"
 #include "flow_writer.h"
+#include "input_files.h"
 #include "stop_signals.h"
 #include "zmq_api.h"
 
@@ -23,81 +22,17 @@ namespace {
 namespace wire = quelm::wire;
 
 constexpr int kPollMs = 200;
-constexpr int kReceiveHighWater = 100000;  // messages held before the socket drops
+// Messages held per exporter connection before libzmq stops reading from it, which makes the
+// exporter wait: at most 64 MiB each, with parts of at most a header and a 16-bit payload.
+constexpr int kReceiveHighWater = 1000;
+constexpr int64_t kMaxPartSize = wire::kHeaderLen + 65535;  // a bigger part closes its connection
+constexpr int kMessagesPerRound = 1000;  // then handshakes waiting for the ZAP handler get a turn
+constexpr size_t kKeptParts = 3;      // of a message; more are read and dropped (it is malformed)
+constexpr size_t kMaxSenders = 4096;  // exporters whose counters are checked
 constexpr uint64_t kReportedMalformed = 100;
-
-// A TLV batch into records; false with a message when the batch is malformed.
-bool decode_tlv(const std::string &payload, std::vector<Record> *records, std::string *problem) {
-    pelda_tlv_reader reader;
-    if (pelda_tlv_reader_init(&reader, payload.data(), uint32_t(payload.size())) != 0) {
-        *problem = "the payload is not a TLV batch of a known version";
-        return false;
-    }
-    records->assign(1, Record::object());
-    std::vector<Record *> open = {&records->back()};  // the record, then its open blocks
-    pelda_tlv_element e;
-    int rc;
-    while ((rc = pelda_tlv_reader_next(&reader, &e)) == 1) {
-        if (e.kind == PELDA_TLV_END_OF_RECORD) {
-            records->push_back(Record::object());
-            open.assign(1, &records->back());
-            continue;
-        }
-        if (e.kind == PELDA_TLV_END_OF_BLOCK) {
-            if (open.size() > 1) open.pop_back();
-            continue;
-        }
-        std::string key = e.key_kind == PELDA_TLV_KEY_NUMBER ? std::to_string(e.key_number)
-                          : e.key_kind == PELDA_TLV_KEY_TEXT
-                              ? std::string(e.key_text, e.key_text_len)
-                              : std::string();
-        Record &value = (*open.back())[key];
-        if (e.kind == PELDA_TLV_STRING) {
-            value = std::string(e.string, e.string_len);
-        } else if (e.kind == PELDA_TLV_UINT32 || e.kind == PELDA_TLV_UINT64) {
-            value = uint64_t(e.number);
-        } else {  // start of block
-            value = Record::object();
-            open.push_back(&value);
-        }
-    }
-    if (rc < 0) {
-        *problem = "the TLV batch is malformed (truncated, unknown element or bad nesting)";
-        return false;
-    }
-    if (open.size() != 1) {
-        *problem = "the TLV batch ends inside a block";
-        return false;
-    }
-    return true;
-}
-
-// A JSON payload into records: one object, or (flows only) an array of them.
-bool decode_json(const std::string &payload, bool stats, std::vector<Record> *records,
-                 std::string *problem) {
-    Record batch;
-    std::string error;
-    if (!parse_record_json(payload, &batch, &error)) {
-        *problem = "bad JSON: " + error;
-        return false;
-    }
-    if (batch.is_object()) {
-        records->push_back(std::move(batch));
-        return true;
-    }
-    if (!batch.is_array() || stats) {
-        *problem = "the JSON payload is not a record";
-        return false;
-    }
-    for (Record &item : batch) {
-        if (!item.is_object()) {
-            *problem = "a JSON batch holds something other than records";
-            return false;
-        }
-        records->push_back(std::move(item));
-    }
-    return true;
-}
+constexpr uint32_t kReportedPerSender = 100;  // lines on losses and restarts per exporter
+constexpr size_t kReportedRefusedKeys = 100;
+constexpr const char *kZapEndpoint = "inproc://zeromq.zap.01";  // where libzmq asks (RFC 27)
 
 std::string builtin_protocol_name(const std::string &ids) {
     // The engine's built-in names; protocols an exporter loaded from a file are not known here.
@@ -118,7 +53,7 @@ std::string field_text(const Record &record, const char *key) {
 }
 
 // One line of --format text.
-std::string text_line(const Record &named, bool stats) {
+std::string text_line(const Record &named, bool stats, const std::string &probe) {
     if (stats) {
         std::string json;
         write_record_json(named, &json);
@@ -133,63 +68,134 @@ std::string text_line(const Record &named, bool stats) {
                        "/" + field_text(named, "out_pkts") + " bytes " +
                        field_text(named, "in_bytes") + "/" + field_text(named, "out_bytes");
     line += " " + field_text(named, named.contains("l7_proto_name") ? "l7_proto_name" : "l7_proto");
-    return line;
+    return line + " probe " + probe;
 }
 
-bool read_secret_key(const ZmqApi &zmq, const std::string &path, std::string *key,
-                     std::string *error) {
-    std::ifstream in(path);
-    if (!in) {
-        *error = "cannot open the secret key file '" + path + "'";
-        return false;
+// The public keys of an allow-list: one per line, blank lines and `#` comments allowed, so that the
+// .pub files of exporters can be appended as they are. A line that is a key is one even when it
+// starts with '#', which is also a Z85 digit.
+int read_allow_list(const ZmqApi &zmq, const std::string &path, std::set<std::string> *keys,
+                    std::string *error) {
+    std::vector<std::string> lines;
+    const int rc = read_lines(path, LineLimits{}, &lines, error);
+    if (rc != kExitOk) return rc;
+    for (size_t i = 0; i < lines.size(); i++) {
+        const std::string &raw = lines[i];
+        const size_t from = raw.find_first_not_of(" \t\r"), to = raw.find_last_not_of(" \t\r");
+        const std::string line = from == std::string::npos ? "" : raw.substr(from, to - from + 1);
+        const std::string where = "'" + path + "', line " + std::to_string(i + 1) + ": ";
+        if (is_z85_key(zmq, line)) {
+            keys->insert(line);
+        } else if (line.starts_with("secret-key")) {
+            *error = where +
+                     "a secret key; an allow-list holds the exporters' public keys (the "
+                     ".pub files of quelm keygen --client)";
+            return kExitDataError;
+        } else if (!line.empty() && line[0] != '#') {
+            *error = where + "not a public key (40 characters of Z85) nor a # comment";
+            return kExitDataError;
+        }
     }
-    in >> *key;
-    if (!is_z85_key(zmq, *key)) {
-        *error = "'" + path +
-                 "' holds no CURVE secret key (40 characters of Z85); make one with quelm keygen";
-        return false;
+    if (keys->empty()) {
+        *error = "'" + path + "' holds no key: every exporter would be refused";
+        return kExitDataError;
     }
-    return true;
+    return kExitOk;
 }
+
+// Answers the handshakes of the SUB socket (ZAP, RFC 27). A CURVE client whose key is allowed (any
+// key without an allow-list) gets status 200 and its key in Z85 as user id, which libzmq attaches
+// to every message of that connection as the "User-Id" property.
+class ZapHandler {
+  public:
+    ZapHandler(const ZmqApi &zmq, const std::set<std::string> *allowed)
+        : zmq_(zmq), allowed_(allowed) {}
+
+    void answer(void *socket, const std::vector<std::string> &request) {
+        // version, request id, domain, address, identity, mechanism, credentials
+        std::string key, status = "400", text = "not a CURVE client";
+        if (request.size() == 7 && request[0] == "1.0" && request[5] == "CURVE" &&
+            request[6].size() == 32) {
+            char z85[41];
+            zmq_.z85_encode(z85, reinterpret_cast<const uint8_t *>(request[6].data()), 32);
+            key = z85;
+            const bool ok = allowed_ == nullptr || allowed_->count(key) != 0;
+            status = ok ? "200" : "400";
+            text = ok ? "OK" : "the key is not in the allow-list";
+        }
+        status == "200" ? accepted_++ : refused_++;
+        if (status != "200" && reported_.size() < kReportedRefusedKeys &&
+            reported_.insert(key).second)
+            fprintf(
+                stderr, "quelm collect: refused exporter %s from %s: %s%s\n",
+                key.empty() ? "?" : key.c_str(), request.size() > 3 ? request[3].c_str() : "?",
+                text.c_str(),
+                reported_.size() == kReportedRefusedKeys ? " (further keys are only counted)" : "");
+        const std::string reply[] = {"1.0", request.size() > 1 ? request[1] : "", status,
+                                     text,  status == "200" ? key : "",           ""};
+        for (size_t i = 0; i < std::size(reply); i++)
+            zmq_.send(socket, reply[i].data(), reply[i].size(),
+                      i + 1 < std::size(reply) ? ZMQ_SNDMORE : 0);
+    }
+
+    uint64_t accepted() const { return accepted_; }
+    uint64_t refused() const { return refused_; }
+
+  private:
+    const ZmqApi &zmq_;
+    const std::set<std::string> *allowed_;  // null: any key
+    uint64_t accepted_ = 0, refused_ = 0;
+    std::set<std::string> reported_;  // refused keys already named
+};
+
+// One exporter's bookkeeping: its counters are its own, so that exporters do not see each
+// other's messages as losses or restarts.
+struct Sender {
+    CounterTracker counters;
+    uint64_t messages = 0, records = 0, restarts = 0;
+    uint32_t reported = 0;  // lines on its losses and restarts
+};
 
 class Collector {
   public:
-    Collector(const ZmqApi &zmq, OutputSink &sink, bool text)
-        : zmq_(zmq), sink_(sink), text_(text) {}
+    Collector(OutputSink &sink, bool text) : sink_(sink), text_(text) {}
 
-    void handle(const std::vector<std::string> &parts) {
+    // One message of the exporter `probe` (its key, or its address when it has no key).
+    void handle(const std::vector<std::string> &parts, const std::string &probe) {
         messages_++;
         DecodedMessage m = decode_message(parts);
-        if (m.counter_known) {
-            const uint32_t lost = counters_.see(m.counter);
-            if (counters_.restarted())
-                fprintf(stderr,
-                        "quelm collect: message counter went back to %u: an exporter restarted\n",
-                        m.counter);
-            if (lost != 0)
-                fprintf(stderr, "quelm collect: %u message%s lost before message %u\n", lost,
-                        lost == 1 ? "" : "s", m.counter);
+        Sender *sender = find_sender(probe);
+        if (sender != nullptr) {
+            sender->messages++;
+            if (m.counter_known) check_counter(*sender, probe, m.counter);
         }
         if (!m.ok) {
-            if (++malformed_ <= kReportedMalformed)
-                fprintf(stderr, "quelm collect: malformed message %llu: %s%s\n",
-                        (unsigned long long)messages_, m.problem.c_str(),
-                        malformed_ == kReportedMalformed ? " (further ones are only counted)" : "");
+            malformed_[size_t(m.reason)]++;
+            if (++malformed_total_ <= kReportedMalformed)
+                fprintf(stderr, "quelm collect: malformed message %llu from %s: %s%s\n",
+                        (unsigned long long)messages_, probe.c_str(), m.problem.c_str(),
+                        malformed_total_ == kReportedMalformed ? " (further ones are only counted)"
+                                                               : "");
             return;
         }
         for (const Record &record : m.records) {
             Record out;
             if (m.stats) {
+                // The collector's own fields come first; the record's fields of the same names
+                // (its "probe" block: version, ip, unique_source_id) are kept as exporter_NAME.
                 out["event_type"] = "stats";
-                out.update(record);
+                out["probe"] = probe;
+                for (auto it = record.begin(); it != record.end(); ++it)
+                    out[out.contains(it.key()) ? "exporter_" + it.key() : it.key()] = it.value();
                 stats_records_++;
             } else {
-                out = name_flow_fields(record, builtin_protocol_name);
+                out = name_flow_fields(record, probe, builtin_protocol_name);
                 flow_records_++;
             }
+            if (sender != nullptr) sender->records++;
             std::string line;
             if (text_)
-                line = text_line(out, m.stats);
+                line = text_line(out, m.stats, probe);
             else
                 write_record_json(out, &line);
             line += '\n';
@@ -198,34 +204,89 @@ class Collector {
         sink_.flush();  // someone may be reading as records arrive
     }
 
-    void summary() const {
+    void summary(const ZapHandler &zap) const {
+        auto n = [](uint64_t v) { return (unsigned long long)v; };
+        if (senders_.size() > 1)
+            for (const auto &[probe, s] : senders_)
+                fprintf(stderr,
+                        "quelm collect: exporter %s: %llu messages, %llu records, %llu lost, %llu "
+                        "restarts\n",
+                        probe.c_str(), n(s.messages), n(s.records), n(s.counters.lost()),
+                        n(s.restarts));
         fprintf(stderr,
                 "quelm collect: %llu messages, %llu flow records, %llu statistics records, %llu "
-                "messages lost, %llu malformed\n",
-                (unsigned long long)messages_, (unsigned long long)flow_records_,
-                (unsigned long long)stats_records_, (unsigned long long)counters_.lost(),
-                (unsigned long long)malformed_);
+                "messages lost, %llu malformed, %llu restarts, %zu exporters, %llu handshakes "
+                "accepted, %llu refused\n",
+                n(messages_), n(flow_records_), n(stats_records_), n(lost_), n(malformed_total_),
+                n(restarts_), senders_.size(), n(zap.accepted()), n(zap.refused()));
+        if (malformed_total_ != 0) {
+            std::string reasons;
+            for (size_t r = 0; r < size_t(Malformed::kCount); r++)
+                if (malformed_[r] != 0)
+                    reasons += (reasons.empty() ? "" : ", ") + std::to_string(malformed_[r]) + " " +
+                               malformed_name(Malformed(r));
+            fprintf(stderr, "quelm collect: malformed by reason: %s\n", reasons.c_str());
+        }
+        if (untracked_ != 0)
+            fprintf(stderr,
+                    "quelm collect: %llu messages from exporters beyond the first %zu, whose "
+                    "counters were not checked\n",
+                    n(untracked_), kMaxSenders);
     }
 
   private:
-    const ZmqApi &zmq_;
+    Sender *find_sender(const std::string &probe) {
+        const auto it = senders_.find(probe);
+        if (it != senders_.end()) return &it->second;
+        if (senders_.size() < kMaxSenders) return &senders_[probe];
+        untracked_++;
+        return nullptr;
+    }
+
+    void check_counter(Sender &s, const std::string &probe, uint32_t counter) {
+        const uint32_t lost = s.counters.see(counter);
+        lost_ += lost;
+        if (s.counters.restarted()) s.restarts++, restarts_++;
+        if ((!s.counters.restarted() && lost == 0) || ++s.reported > kReportedPerSender) return;
+        const char *more = s.reported == kReportedPerSender
+                               ? " (further ones of this exporter are only counted)"
+                               : "";
+        if (s.counters.restarted())
+            fprintf(stderr, "quelm collect: %s: message counter went back to %u: it restarted%s\n",
+                    probe.c_str(), counter, more);
+        else
+            fprintf(stderr, "quelm collect: %s: %u message%s lost before message %u%s\n",
+                    probe.c_str(), lost, lost == 1 ? "" : "s", counter, more);
+    }
+
     OutputSink &sink_;
     bool text_;
-    CounterTracker counters_;
-    uint64_t messages_ = 0, flow_records_ = 0, stats_records_ = 0, malformed_ = 0;
+    std::map<std::string, Sender> senders_;
+    uint64_t messages_ = 0, flow_records_ = 0, stats_records_ = 0, lost_ = 0, restarts_ = 0;
+    uint64_t malformed_[size_t(Malformed::kCount)] = {}, malformed_total_ = 0, untracked_ = 0;
 };
 
-// Every part of the next message; false when none is waiting.
-bool receive_message(const ZmqApi &zmq, void *socket, std::vector<std::string> *parts) {
+// The first `keep` parts of the next message (the rest are read and dropped) and, with `sender`,
+// who sent it: the "User-Id" the ZAP handler gave the connection, else the peer's address. False
+// when no message is waiting.
+bool receive_message(const ZmqApi &zmq, void *socket, size_t keep, std::vector<std::string> *parts,
+                     std::string *sender = nullptr) {
     parts->clear();
-    for (;;) {
+    for (bool first = true;; first = false) {
         zmq_msg_t msg;
         zmq.msg_init(&msg);
-        if (zmq.msg_recv(&msg, socket, parts->empty() ? ZMQ_DONTWAIT : 0) < 0) {
+        if (zmq.msg_recv(&msg, socket, first ? ZMQ_DONTWAIT : 0) < 0) {
             zmq.msg_close(&msg);
-            return !parts->empty();
+            return !first;
         }
-        parts->emplace_back(static_cast<const char *>(zmq.msg_data(&msg)), zmq.msg_size(&msg));
+        if (parts->size() < keep)
+            parts->emplace_back(static_cast<const char *>(zmq.msg_data(&msg)), zmq.msg_size(&msg));
+        if (first && sender != nullptr) {
+            const char *user = zmq.msg_gets(&msg, "User-Id");
+            const char *address =
+                user != nullptr && *user != 0 ? user : zmq.msg_gets(&msg, "Peer-Address");
+            *sender = address != nullptr && *address != 0 ? address : "?";
+        }
         const bool more = zmq.msg_more(&msg) != 0;
         zmq.msg_close(&msg);
         if (!more) return true;
@@ -257,126 +318,26 @@ int attach_endpoints(const ZmqApi &zmq, void *socket, const CollectOptions &o,
     return kExitOk;
 }
 
-void receive_until_stopped(const ZmqApi &zmq, void *socket, OutputSink &sink, bool text) {
-    Collector collector(zmq, sink, text);
+// Serves the handshakes and the messages in turn until a signal or an output failure.
+void receive_until_stopped(const ZmqApi &zmq, void *socket, void *zap_socket, ZapHandler &zap,
+                           OutputSink &sink, bool text) {
+    Collector collector(sink, text);
     std::vector<std::string> parts;
-    zmq_pollitem_t item = {socket, 0, ZMQ_POLLIN, 0};
+    std::string sender;
+    zmq_pollitem_t items[] = {{socket, 0, ZMQ_POLLIN, 0}, {zap_socket, 0, ZMQ_POLLIN, 0}};
     while (!stop_requested() && !sink.failed()) {
-        if (zmq.poll(&item, 1, kPollMs) <= 0) continue;  // timeout, or a signal (EINTR)
-        while (!stop_requested() && receive_message(zmq, socket, &parts))
-            collector.handle(parts);
+        if (zmq.poll(items, 2, kPollMs) <= 0) continue;  // timeout, or a signal (EINTR)
+        while (receive_message(zmq, zap_socket, 8, &parts))
+            zap.answer(zap_socket, parts);
+        for (int n = 0; n < kMessagesPerRound && !stop_requested() &&
+                        receive_message(zmq, socket, kKeptParts, &parts, &sender);
+             n++)
+            collector.handle(parts, sender);
     }
-    collector.summary();
+    collector.summary(zap);
 }
 
 }  // namespace
-
-// ---- Decoding --------------------------------------------------------------------------------
-
-uint32_t CounterTracker::see(uint32_t counter) {
-    uint32_t lost = 0;
-    restarted_ = false;
-    // Counters start at 0: a first message with a later one means the earlier ones went missing
-    // (a collector that joined a running exporter, or was restarted).
-    if (!started_ && counter != 0) {
-        lost = counter;
-        lost_ += lost;
-    } else if (started_ && counter != expected_) {
-        if (counter > expected_) {
-            lost = counter - expected_;
-            lost_ += lost;
-        } else {
-            restarted_ = true;
-        }
-    }
-    started_ = true;
-    expected_ = counter + 1;
-    return lost;
-}
-
-DecodedMessage decode_message(const std::vector<std::string> &parts) {
-    DecodedMessage m;
-    // The counter first: a message that is malformed otherwise still tells what was sent.
-    if (!parts.empty() && parts[0].size() == wire::kHeaderLen) {
-        uint32_t counter_be;
-        std::memcpy(&counter_be, parts[0].data() + wire::kCounterAt, 4);
-        m.counter = ntohl(counter_be);
-        m.counter_known = true;
-    }
-    if (parts.size() != 2) {
-        m.problem = std::to_string(parts.size()) + " parts instead of 2 (header, payload)";
-        return m;
-    }
-    const std::string &header = parts[0], &payload = parts[1];
-    if (header.size() != wire::kHeaderLen) {
-        m.problem = "a header of " + std::to_string(header.size()) + " bytes instead of " +
-                    std::to_string(wire::kHeaderLen);
-        return m;
-    }
-    const std::string topic(header.data(), strnlen(header.data(), wire::kTopicLen));
-    if (header.find_first_not_of('\0', topic.size()) < wire::kTopicLen) {
-        m.problem = "the topic is not zero-padded";
-        return m;
-    }
-    if (topic != wire::kTopicFlow && topic != wire::kTopicEvent) {
-        m.problem = "unknown topic '" + topic + "'";
-        return m;
-    }
-    m.stats = topic == wire::kTopicEvent;
-    // The size is in the exporter's byte order: either order must match the part's length.
-    uint16_t size;
-    std::memcpy(&size, header.data() + wire::kSizeAt, 2);
-    if (size != payload.size() && ntohs(size) != payload.size()) {
-        m.problem = "the header's size " + std::to_string(size) + " is not the payload's " +
-                    std::to_string(payload.size()) + " bytes";
-        return m;
-    }
-    const uint8_t version = uint8_t(header[wire::kVersionAt]);
-    const bool looks_json = !payload.empty() && (payload[0] == '{' || payload[0] == '[');
-    if (version == wire::kVersionJson) {
-        if (!looks_json) {
-            m.problem = "the version byte says JSON, the payload is not";
-            return m;
-        }
-        if (!decode_json(payload, m.stats, &m.records, &m.problem)) {
-            m.records.clear();
-            return m;
-        }
-    } else if (version == wire::kVersionTlv) {
-        if (m.stats) {
-            m.problem = "a statistics record must be JSON (version 2)";
-            return m;
-        }
-        if (looks_json) {
-            m.problem = "the version byte says TLV, the payload is JSON";
-            return m;
-        }
-        if (!decode_tlv(payload, &m.records, &m.problem)) {
-            m.records.clear();
-            return m;
-        }
-    } else {
-        m.problem = "unknown version byte " + std::to_string(version);
-        return m;
-    }
-    m.ok = true;
-    return m;
-}
-
-Record name_flow_fields(const Record &record,
-                        std::string (*protocol_name)(const std::string &ids)) {
-    Record out = {{"event_type", "flow"}};
-    for (auto it = record.begin(); it != record.end(); ++it) {
-        const std::string &key = it.key();
-        const wire::Field *field = wire::find_field(key.c_str());
-        out[field != nullptr ? field->netflow : "field_" + key] = it.value();
-        if (key == wire::kL7ProtoKey && protocol_name != nullptr && it->is_string()) {
-            const std::string name = protocol_name(it->get<std::string>());
-            if (!name.empty()) out["l7_proto_name"] = name;
-        }
-    }
-    return out;
-}
 
 // ---- The command -----------------------------------------------------------------------------
 
@@ -404,6 +365,13 @@ CLI::App *add_collect_command(CLI::App &app, CollectOptions &o) {
                      "exporters need its public key")
         ->type_name("FILE")
         ->required();
+    command
+        ->add_option("--allow-keys", o.allow_keys,
+                     "Accept only the exporters whose public key FILE lists, one a line (# "
+                     "comments allowed: the .pub files of quelm keygen --client can be appended "
+                     "as they are); without it any exporter holding the collector's public key "
+                     "is accepted")
+        ->type_name("FILE");
     command->add_option("--format", o.text, "json (one object per line) or text")
         ->type_name("FORMAT")
         ->default_str("json")
@@ -415,10 +383,14 @@ CLI::App *add_collect_command(CLI::App &app, CollectOptions &o) {
         ->add_option("-w,--write", o.output, "Write the records to FILE (default: standard output)")
         ->type_name("FILE");
     command->footer(
-        "Checks: every message's topic, version byte (against the payload), size and counter; "
-        "gaps in the counter are reported as lost messages, malformed messages are counted and "
-        "reported.\nExit status: 0 success (also after SIGINT/SIGTERM), 64 wrong command line, 65 "
-        "a bad key file, 66 a key file or endpoint cannot be opened, 69 libzmq missing, 74 the "
+        "Every record names its exporter by its public key: \"probe\" (a statistics record's "
+        "own probe block becomes exporter_probe). Checks: every message's topic, version byte "
+        "(against the payload), size and counter, per exporter; gaps in the counter are "
+        "reported as lost messages, malformed messages are counted by reason, refused "
+        "handshakes by key. Bounds: message parts over 24+65535 bytes close their connection; "
+        "1000 messages held per connection, then the exporter waits.\nExit status: 0 success "
+        "(also after SIGINT/SIGTERM), 64 wrong command line, 65 a bad key file or allow-list, "
+        "66 a key file, allow-list or endpoint cannot be opened, 69 libzmq missing, 74 the "
         "output cannot be written.");
     return command;
 }
@@ -431,31 +403,44 @@ int run_collect(const CollectOptions &o) {
                 "listen (--connect ENDPOINT)\n");
         return kExitUsage;
     }
-    std::string error, secret;
+    std::string error, secret, warning;
     const ZmqApi *zmq = load_zmq(&error);
     if (zmq == nullptr) {
         fprintf(stderr, "quelm collect: %s\n", error.c_str());
         return kExitUnavailable;
     }
-    if (!read_secret_key(*zmq, o.secret_key, &secret, &error)) {
+    std::set<std::string> allowed;
+    int rc = read_key_file(*zmq, o.secret_key, KeyHalf::kSecret, &secret, &error);
+    if (rc == kExitOk && !o.allow_keys.empty())
+        rc = read_allow_list(*zmq, o.allow_keys, &allowed, &error);
+    if (rc != kExitOk) {
         fprintf(stderr, "quelm collect: %s\n", error.c_str());
-        return error.rfind("cannot open", 0) == 0 ? kExitNoInput : kExitDataError;
+        return rc;
     }
+    if (secret_key_exposed(o.secret_key, &warning))
+        fprintf(stderr, "quelm collect: %s\n", warning.c_str());
     OutputSink sink;
     if (!sink.open(o.output, &error)) {
         fprintf(stderr, "quelm collect: %s\n", error.c_str());
         return kExitOutputError;
     }
 
+    // The ZAP handler is bound before the SUB socket can meet any exporter: from then on libzmq
+    // asks it about every handshake.
     void *context = zmq->ctx_new();
-    void *socket = context != nullptr ? zmq->socket(context, ZMQ_SUB) : nullptr;
-    if (socket == nullptr) {
-        fprintf(stderr, "quelm collect: libzmq cannot make a socket: %s\n",
+    void *zap = context != nullptr ? zmq->socket(context, ZMQ_REP) : nullptr;
+    void *socket = zap != nullptr ? zmq->socket(context, ZMQ_SUB) : nullptr;
+    const int server = 1, linger = 0, high_water = kReceiveHighWater;
+    const int64_t max_part = kMaxPartSize;
+    if (socket != nullptr) zmq->setsockopt(zap, ZMQ_LINGER, &linger, sizeof linger);
+    if (socket == nullptr || zmq->bind(zap, kZapEndpoint) != 0) {
+        fprintf(stderr, "quelm collect: libzmq cannot make its sockets: %s\n",
                 zmq->strerror(zmq->errno_value()));
+        if (zap != nullptr) zmq->close(zap);
+        if (socket != nullptr) zmq->close(socket);
         if (context != nullptr) zmq->ctx_term(context);
         return kExitUnavailable;
     }
-    const int server = 1, linger = 0, high_water = kReceiveHighWater;
     int exit_code = kExitOk;
     if (zmq->setsockopt(socket, ZMQ_CURVE_SERVER, &server, sizeof server) != 0 ||
         zmq->setsockopt(socket, ZMQ_CURVE_SECRETKEY, secret.c_str(), secret.size() + 1) != 0) {
@@ -466,6 +451,7 @@ int run_collect(const CollectOptions &o) {
     secret.assign(secret.size(), '\0');
     zmq->setsockopt(socket, ZMQ_LINGER, &linger, sizeof linger);
     zmq->setsockopt(socket, ZMQ_RCVHWM, &high_water, sizeof high_water);
+    zmq->setsockopt(socket, ZMQ_MAXMSGSIZE, &max_part, sizeof max_part);
     zmq->setsockopt(socket, ZMQ_SUBSCRIBE, wire::kTopicFlow, strlen(wire::kTopicFlow));
     zmq->setsockopt(socket, ZMQ_SUBSCRIBE, wire::kTopicEvent, strlen(wire::kTopicEvent));
     std::string attached;
@@ -476,7 +462,12 @@ int run_collect(const CollectOptions &o) {
         // The endpoints as bound: a port given as * shows the one the system chose.
         fprintf(stderr, "quelm collect: %s %s; Ctrl-C ends\n",
                 !o.bind.empty() ? "listening on" : "connected to", attached.c_str());
-        receive_until_stopped(*zmq, socket, sink, o.text);
+        if (o.allow_keys.empty())
+            fprintf(stderr,
+                    "quelm collect: any exporter holding the collector's public key is accepted; "
+                    "--allow-keys FILE accepts only the public keys it lists\n");
+        ZapHandler handler(*zmq, o.allow_keys.empty() ? nullptr : &allowed);
+        receive_until_stopped(*zmq, socket, zap, handler, sink, o.text);
         if (!sink.close()) {
             fprintf(stderr, "quelm collect: cannot write to %s: %s\n", sink.name().c_str(),
                     std::strerror(sink.error_number()));
@@ -484,6 +475,7 @@ int run_collect(const CollectOptions &o) {
         }
     }
     zmq->close(socket);
+    zmq->close(zap);
     zmq->ctx_term(context);
     return exit_code;
 }

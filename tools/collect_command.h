@@ -1,15 +1,15 @@
 // `quelm collect`: the receiving side of flow export. A SUB socket that is the CURVE server takes
 // the exporters' messages, checks every header, decodes the records (TLV or JSON) and writes one
-// line per record.
+// line per record, naming the exporter that sent it. A ZAP handler in the same loop sees every
+// handshake: it admits the keys of --allow-keys (or any key without it) and names each exporter by
+// its public key.
 #pragma once
 
 #include <CLI/CLI.hpp>
 
-#include <cstdint>
 #include <string>
-#include <vector>
 
-#include "record_json.h"
+#include "collect_decode.h"
 
 namespace quelm_tool {
 
@@ -17,46 +17,12 @@ struct CollectOptions {
     std::string bind;        // comma-separated endpoints to bind, or
     std::string connect;     // to connect to
     std::string secret_key;  // file holding the collector's secret key (Z85)
+    std::string allow_keys;  // file of the exporters' public keys; empty: any exporter
     bool text = false;       // --format text
     std::string output = "-";
 };
 
 CLI::App *add_collect_command(CLI::App &app, CollectOptions &options);
 int run_collect(const CollectOptions &options);
-
-// ---- The pieces, for tests -------------------------------------------------------------------
-
-// What one message brought: its records, or why it is malformed.
-struct DecodedMessage {
-    bool ok = false;
-    std::string problem;
-    bool stats = false;           // topic "event": statistics records
-    uint32_t counter = 0;         // the exporter's message counter
-    bool counter_known = false;   // the header was long enough to hold it
-    std::vector<Record> records;  // objects, keys as received ("8", "47521.118", ...)
-};
-
-// Checks a two-part message (24-byte header, payload) and decodes its payload.
-DecodedMessage decode_message(const std::vector<std::string> &parts);
-
-// A flow record with the NetFlow names of its keys, in lower case ("ipv4_src_addr"), plus
-// "l7_proto" ("7.91") and its name when `protocol_name` knows it; event_type "flow" first.
-Record name_flow_fields(const Record &record, std::string (*protocol_name)(const std::string &ids));
-
-// Message counters, which start at 0: gaps are losses (so is a first counter above 0); a counter
-// that goes back is an exporter that restarted.
-class CounterTracker {
-  public:
-    // The messages lost just before this one (0 when none).
-    uint32_t see(uint32_t counter);
-    bool restarted() const { return restarted_; }
-    uint64_t lost() const { return lost_; }
-
-  private:
-    bool started_ = false;
-    bool restarted_ = false;
-    uint32_t expected_ = 0;
-    uint64_t lost_ = 0;
-};
 
 }  // namespace quelm_tool

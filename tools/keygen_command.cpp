@@ -45,10 +45,16 @@ CLI::App *add_keygen_command(CLI::App &app, KeygenOptions &o) {
         "keygen",
         "Make a CURVE key pair for a collector: PREFIX.pub (the public key, for quelm flows "
         "--zmq-server-key @PREFIX.pub) and PREFIX.key (the secret key, for quelm collect "
-        "--secret-key; readable by its owner only)");
-    command->add_option("-o,--output", o.prefix, "Path and name of the two files, without suffix")
-        ->type_name("PREFIX")
-        ->capture_default_str();
+        "--secret-key; readable by its owner only). With --client, a pair for an exporter: "
+        "PREFIX.key for quelm flows --zmq-client-key, PREFIX.pub for the collector's "
+        "--allow-keys file");
+    command
+        ->add_option("-o,--output", o.prefix,
+                     "Path and name of the two files, without suffix (default quelm-collector, "
+                     "or quelm-exporter with --client)")
+        ->type_name("PREFIX");
+    command->add_flag("--client", o.client,
+                      "Make an exporter's pair, which a collector with --allow-keys admits");
     command->add_flag("--force", o.force, "Replace key files that exist");
     command->footer("Exit status: 0 success, 69 libzmq missing, 73 a key file cannot be created.");
     return command;
@@ -69,18 +75,37 @@ int run_keygen(const KeygenOptions &o) {
                 zmq->strerror(zmq->errno_value()));
         return kExitUnavailable;
     }
-    const std::string secret_path = o.prefix + ".key", public_path = o.prefix + ".pub";
-    if (!write_key_file(secret_path, std::string(secret_key) + "\n", 0600, o.force, &error) ||
-        !write_key_file(public_path, std::string(public_key) + "\n", 0644, o.force, &error)) {
+    const std::string prefix = !o.prefix.empty() ? o.prefix
+                               : o.client        ? "quelm-exporter"
+                                                 : "quelm-collector";
+    const std::string secret_path = prefix + ".key", public_path = prefix + ".pub";
+    // The first line of each file says whose key it is and where it goes; the secret key is
+    // labelled so that it cannot be taken for the public one. A public key stands alone on its
+    // line: an exporter's .pub file can be appended to an allow-list as it is.
+    const std::string secret_use = o.client ? "quelm flows --zmq-client-key " + secret_path
+                                            : "quelm collect --secret-key " + secret_path;
+    const std::string public_use =
+        o.client ? "add it to the collector's --allow-keys file (cat " + public_path + " >> FILE)"
+                 : "quelm flows --zmq-server-key @" + public_path;
+    const char *whose = o.client ? "an exporter" : "a collector";
+    std::string secret_text = std::string("# quelm CURVE secret key of ") + whose +
+                              ": keep it private (" + secret_use + ")\nsecret-key " + secret_key +
+                              "\n";
+    const std::string public_text = std::string("# quelm CURVE public key of ") + whose + ": " +
+                                    public_use + "\n" + public_key + "\n";
+    const bool written = write_key_file(secret_path, secret_text, 0600, o.force, &error) &&
+                         write_key_file(public_path, public_text, 0644, o.force, &error);
+    explicit_bzero(secret_key, sizeof secret_key);
+    explicit_bzero(secret_text.data(), secret_text.size());
+    if (!written) {
         fprintf(stderr, "quelm keygen: %s\n", error.c_str());
         if (error.find(public_path) != std::string::npos) unlink(secret_path.c_str());
         return kExitCantCreate;
     }
-    std::memset(secret_key, 0, sizeof secret_key);
-    printf("secret key: %s (give it to: quelm collect --secret-key %s)\n", secret_path.c_str(),
-           secret_path.c_str());
-    printf("public key: %s (give it to: quelm flows --zmq-server-key @%s)\n", public_path.c_str(),
-           public_path.c_str());
+    printf("secret key: %s (give it to: %s; keep it private)\n", secret_path.c_str(),
+           secret_use.c_str());
+    printf("public key: %s (%s%s)\n", public_path.c_str(),
+           o.client ? "" : "give it to: ", public_use.c_str());
     return kExitOk;
 }
 

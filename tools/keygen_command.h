@@ -1,4 +1,4 @@
-// `quelm keygen`: a CURVE key pair for a collector, as two Z85 text files.
+// `quelm keygen`: a CURVE key pair for a collector or an exporter, as two labelled text files.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -8,7 +8,8 @@
 namespace quelm_tool {
 
 struct KeygenOptions {
-    std::string prefix = "quelm-collector";
+    std::string prefix;  // empty: quelm-collector, or quelm-exporter with `client`
+    bool client = false;
     bool force = false;
 };
 

@@ -91,7 +91,7 @@ bool parse_record_json(const std::string &text, Record *out, std::string *error)
         }
         *out = unmarked(std::move(v));
         return true;
-    } catch (const Record::parse_error &e) {
+    } catch (const Record::exception &e) {  // a syntax error, or a number too large (1e999)
         *error = e.what();
         error->erase(0, error->find("] ") + 2);  // the library's exception id, of no use here
         return false;

@@ -3,7 +3,8 @@
 #include <dlfcn.h>
 #include <unistd.h>
 
-#include <fstream>
+#include "exit_codes.h"
+#include "input_files.h"
 
 namespace quelm_tool {
 namespace {
@@ -45,10 +46,13 @@ const ZmqApi *load_zmq(std::string *error) {
             bind_symbol(lib, "zmq_msg_size", &api.msg_size, &missing);
             bind_symbol(lib, "zmq_msg_more", &api.msg_more, &missing);
             bind_symbol(lib, "zmq_msg_close", &api.msg_close, &missing);
+            bind_symbol(lib, "zmq_msg_gets", &api.msg_gets, &missing);
+            bind_symbol(lib, "zmq_send", &api.send, &missing);
             bind_symbol(lib, "zmq_poll", &api.poll, &missing);
             bind_symbol(lib, "zmq_curve_keypair", &api.curve_keypair, &missing);
             bind_symbol(lib, "zmq_curve_public", &api.curve_public, &missing);
             bind_symbol(lib, "zmq_z85_decode", &api.z85_decode, &missing);
+            bind_symbol(lib, "zmq_z85_encode", &api.z85_encode, &missing);
             bind_symbol(lib, "zmq_errno", &api.errno_value, &missing);
             bind_symbol(lib, "zmq_strerror", &api.strerror, &missing);
             if (missing.empty()) {
@@ -79,13 +83,10 @@ bool resolve_key(const std::string &given, std::string *key, std::string *error)
         *key = given;
         return true;
     }
-    std::ifstream in(given.substr(1));
-    if (!in) {
-        *error = "cannot open the key file '" + given.substr(1) + "'";
-        return false;
-    }
-    in >> *key;  // the first word: files of `quelm keygen` hold the key and a line end
-    return true;
+    // Comment lines, then the key: the .pub files of `quelm keygen`.
+    const ZmqApi *zmq = load_zmq(error);
+    return zmq != nullptr &&
+           read_key_file(*zmq, given.substr(1), KeyHalf::kPublic, key, error) == kExitOk;
 }
 
 }  // namespace quelm_tool

@@ -25,10 +25,13 @@ struct ZmqApi {
     size_t (*msg_size)(const zmq_msg_t *msg);
     int (*msg_more)(const zmq_msg_t *msg);
     int (*msg_close)(zmq_msg_t *msg);
+    const char *(*msg_gets)(const zmq_msg_t *msg, const char *property);
+    int (*send)(void *socket, const void *data, size_t len, int flags);
     int (*poll)(zmq_pollitem_t *items, int count, long timeout_ms);
     int (*curve_keypair)(char *public_key, char *secret_key);
     int (*curve_public)(char *public_key, const char *secret_key);
     uint8_t *(*z85_decode)(uint8_t *dest, const char *text);
+    char *(*z85_encode)(char *dest, const uint8_t *data, size_t size);
     int (*errno_value)();
     const char *(*strerror)(int error);
 };

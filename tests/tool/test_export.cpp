@@ -34,9 +34,11 @@ const wire::Field &field(uint32_t id) {
 // `quelm collect` in the background, writing its records to a file of its own folder.
 class Collector {
   public:
-    Collector(const std::string &mode, const std::string &where, const std::string &key) {
-        pid_ = tool_.spawn({QUELM_TOOL_PATH, "collect", mode, where, "--secret-key", key + ".key",
-                            "-w", tool_.path("out")});
+    Collector(const std::string &mode, const std::string &where, const std::string &key,
+              std::vector<std::string> more = {}) {
+        more.insert(more.begin(), {QUELM_TOOL_PATH, "collect", mode, where, "--secret-key",
+                                   key + ".key", "-w", tool_.path("out")});
+        pid_ = tool_.spawn(more);
         // "quelm collect: listening on tcp://127.0.0.1:41234; Ctrl-C ends", once it is.
         EXPECT_TRUE(tool_.wait_for("stderr", "; Ctrl-C ends"));
         const std::string err = tool_.read("stderr");
@@ -48,6 +50,11 @@ class Collector {
     }
     std::string output() const { return tool_.read("out"); }
     pid_t pid() const { return pid_; }
+    size_t lines() const {  // whole lines written
+        const std::string out = output();
+        return size_t(std::count(out.begin(), out.end(), '\n'));
+    }
+    bool wait_for(const std::string &text) const { return tool_.wait_for("stderr", text); }
     ToolResult stop() {  // SIGINT, as a user would; the summary is on standard error
         kill(pid_, SIGINT);
         const ToolResult r = tool_.finish(pid_);
@@ -123,10 +130,8 @@ TEST_F(Export, CollectorRecordsEqualTheWrittenFlows) {
         const ToolResult sent = tool.finish(sender);
         ASSERT_EQ(sent.exit_code, 0) << sent.err;
         const std::vector<Json> written = json_lines(tool.read("flows.json"));
-        EXPECT_TRUE(eventually([&] {  // every flow and the statistics record, in whole lines
-            const std::string out = collector->output();
-            return size_t(std::count(out.begin(), out.end(), '\n')) > written.size();
-        }));
+        // every flow and the statistics record
+        EXPECT_TRUE(eventually([&] { return collector->lines() > written.size(); }));
         const ToolResult done = collector->stop();
         EXPECT_EQ(done.exit_code, 0) << done.err;
         EXPECT_THAT(done.err, HasSubstr(" 0 messages lost, 0 malformed"));
@@ -231,24 +236,40 @@ std::string header(const char *topic, uint8_t version, uint16_t size, uint32_t c
 }
 
 // Whatever arrives, the collector writes the records it can read, reports what it cannot and what
-// went missing by the counters, and goes on. Its records and its report (after the listening line)
-// must equal the baselines collector.json and collector.txt.
+// went missing by the counters of each exporter, and goes on. Exporter a sends most messages, b
+// some between them (one too large for the collector, which drops b's connection), and a key that
+// is not allowed gets nothing through. The records and the report (after the listening line) must
+// equal the baselines collector.json and collector.txt.
 TEST_F(Export, CollectorReadsReportsAndCountsEveryMessage) {
-    Collector collector("--bind", "tcp://127.0.0.1:*", key);
-    const std::string server_key = tool.read("k.pub").substr(0, 40);
-    char client_public[41], client_secret[41];
-    zmq_curve_keypair(client_public, client_secret);
-    void *context = zmq_ctx_new(), *pub = zmq_socket(context, ZMQ_XPUB);
-    zmq_setsockopt(pub, ZMQ_CURVE_SERVERKEY, server_key.c_str(), 41);
-    zmq_setsockopt(pub, ZMQ_CURVE_PUBLICKEY, client_public, 41);
-    zmq_setsockopt(pub, ZMQ_CURVE_SECRETKEY, client_secret, 41);
-    ASSERT_EQ(zmq_connect(pub, collector.endpoint.c_str()), 0);
-    const int timeout_ms = 20000;
-    zmq_setsockopt(pub, ZMQ_RCVTIMEO, &timeout_ms, sizeof timeout_ms);
-    char subscription[16];  // wait until the collector has subscribed to flows: it is heard
-    const std::string flow_subscription = std::string(1, '\1') + wire::kTopicFlow;
-    for (int n = 0; std::string(subscription, std::max(n, 0)) != flow_subscription;)
-        ASSERT_GT(n = zmq_recv(pub, subscription, sizeof subscription, 0), 0);
+    // Fixed keys, so that the baselines can name a and b; the forged key is a fresh one.
+    const char *a_key = "R[d(.5LCvE@g@dPp)tQ}6pzZiub9TwliD)^/J]d>",
+               *b_key = "+zz=d]u?2!}F]O-)gb3NDBnu[pOj}%[jUc7)NIy9";
+    char forged_key[41], forged_secret[41];
+    zmq_curve_keypair(forged_key, forged_secret);
+    tool.write("allowed", std::string("# probe a\n") + a_key + "\n\n# b\n" + b_key + "\n");
+    Collector collector("--bind", "tcp://127.0.0.1:*", key, {"--allow-keys", tool.path("allowed")});
+    const std::string pub = tool.read("k.pub"), server_key = pub.substr(pub.size() - 41, 40);
+    void *context = zmq_ctx_new();
+    auto exporter = [&](const char *public_key, const char *secret_key, int reconnect_ms) {
+        void *pub = zmq_socket(context, ZMQ_XPUB);
+        zmq_setsockopt(pub, ZMQ_CURVE_SERVERKEY, server_key.c_str(), 41);
+        zmq_setsockopt(pub, ZMQ_CURVE_PUBLICKEY, public_key, 41);
+        zmq_setsockopt(pub, ZMQ_CURVE_SECRETKEY, secret_key, 41);
+        for (auto [option, value] : {std::pair{ZMQ_RCVTIMEO, 20000},
+                                     {ZMQ_XPUB_VERBOSE, 1},
+                                     {ZMQ_RECONNECT_IVL, reconnect_ms}})
+            zmq_setsockopt(pub, option, &value, sizeof value);
+        EXPECT_EQ(zmq_connect(pub, collector.endpoint.c_str()), 0);
+        return pub;
+    };
+    // The collector has subscribed to flows (again after a reconnection: verbose): it is heard.
+    auto subscribed = [](void *pub) {
+        char s[16];
+        const std::string flow_subscription = std::string(1, '\1') + wire::kTopicFlow;
+        for (int n = 0; std::string(s, std::max(n, 0)) != flow_subscription;)
+            if ((n = zmq_recv(pub, s, sizeof s, 0)) < 0) return false;
+        return true;
+    };
     // One record three ways (JSON, TLV, TLV with the size in the other byte order): 58 = 0,
     // 8 = "10.0.0.1", 2 = 3, the protocol "7.7" (HTTP) and 999 = 1, a field without a name.
     const std::string json = R"({"58":0,"8":"10.0.0.1","2":3,"47521.118":"7.7","999":1})";
@@ -259,41 +280,57 @@ TEST_F(Export, CollectorReadsReportsAndCountsEveryMessage) {
         R"([{"8":"café \u00e9 \u00c0\u00af \u00ed\u00a0\u0080 \u00c3 \ud83d\ude00)"
         R"( \\u00e9 \" \t"},{"7":1}])";
     const uint16_t j = uint16_t(json.size()), t = uint16_t(tlv.size());
-    const std::vector<std::string> messages[] = {
+    const std::vector<std::vector<std::string>> messages = {
         {header("flow", 2, j, 5), json},  // a collector that joined late: five lost before
         {header("flow", 3, t, 6), tlv},
         {header("flow", 3, htons(t), 7), tlv},
         {header("flow", 2, uint16_t(bytes.size()), 8), bytes},
-        {header("flow", 3, j, 9), json},                                     // says TLV, is JSON
-        {header("flow", 2, t, 10), tlv},                                     // says JSON, is TLV
-        {header("event", 3, t, 11), tlv},                                    // statistics in TLV
-        {header("flows", 2, 2, 12), "{}"},                                   // unknown topic
-        {std::string("flow\0x", 6) + header("", 2, 2, 13).substr(6), "{}"},  // topic not padded
-        {header("flow", 1, 2, 14), "{}"},                                    // unknown version
-        {header("flow", 2, 3, 15), "{}"},                                    // wrong size
-        {"flow-but-short", "{}"},                                            // no header
-        {header("flow", 2, 2, 16)},                                          // one part
-        {header("flow", 2, 2, 17), "{}", "extra"},                           // three parts
-        {header("flow", 2, 3, 18), "{1}"},                                   // bad JSON
-        {header("flow", 2, 3, 19), "[1]"},                                   // a batch of numbers
+        {header("flow", 2, j, 0), json},  // b's, its counter from 0
+        {header("flow", 2, j, 1), json},
+        {header("flow", 2, 0, 2), std::string(wire::kHeaderLen + 65536, '[')},  // too large
+        {header("flow", 2, j, 3), json},                                        // one lost
+        {header("flow", 3, j, 9), json},                                        // says TLV, is JSON
+        {header("flow", 2, t, 10), tlv},                                        // says JSON, is TLV
+        {header("event", 3, t, 11), tlv},                                       // statistics in TLV
+        {header("flows", 2, 2, 12), "{}"},                                      // unknown topic
+        {std::string("flow\0x", 6) + header("", 2, 2, 13).substr(6), "{}"},     // topic not padded
+        {header("flow", 1, 2, 14), "{}"},                                       // unknown version
+        {header("flow", 2, 3, 15), "{}"},                                       // wrong size
+        {"flow-but-short", "{}"},                                               // no header
+        {header("flow", 2, 2, 16)},                                             // one part
+        {header("flow", 2, 2, 17), "{}", "extra"},                              // three parts
+        {header("flow", 2, 3, 18), "{1}"},                                      // bad JSON
+        {header("flow", 2, 3, 19), "[1]"},  // a batch of numbers
         {header("flow", 2, 300, 20), std::string(150, '[') + std::string(150, ']')},  // deep
         {header("flow", 3, 4, 21), std::string("\x01\x11\x3a", 3) + char(0x80)},      // cut TLV
-        {header("flow", 3, 4, 22), std::string("\x01\x24\x01\x62", 4)},  // TLV block left open
-        {header("flow", 2, j, 25), json},                                // two lost before
-        {header("flow", 2, j, 3), json},                                 // the exporter restarted
-        {header("flow", 2, j, 0xFFFFFFFF), json},                        // 4294967291 lost
-        {header("flow", 2, j, 0), json},                                 // and the counter wraps
-        {header("event", 2, 10, 1), R"({"last":1})"},
+        {header("flow", 2, j, 3), json},                         // the exporter restarted
+        {header("flow", 2, j, 0xFFFFFFFF), json},                // 4294967291 lost
+        {header("flow", 2, j, 0), json},                         // and the counter wraps
+        {header("event", 2, 20, 1), R"({"probe":1,"last":1})"},  // "probe" is the collector's
     };
-    for (const std::vector<std::string> &parts : messages)
-        for (size_t i = 0; i < parts.size(); i++)
-            zmq_send(pub, parts[i].data(), parts[i].size(), i + 1 < parts.size() ? ZMQ_SNDMORE : 0);
-    EXPECT_TRUE(
-        eventually([&] { return collector.output().find("\"last\"") != std::string::npos; }));
-    zmq_close(pub);
+    void *a = exporter(a_key, "ooz52IO[GdFn6r1y(9aW-I@+fEa+}!9dqo}]sR)?", 100);
+    void *b = exporter(b_key, "9kbE@5BOL2Ttk!Bn3l=]:/#5lZFq*yN]:3Q*)w@k", 100);
+    ASSERT_TRUE(subscribed(a) && subscribed(b));
+    // a's first four messages, b's four (its connection closed by the third and made anew), a's
+    // others, each time until the collector has written all their records.
+    const std::tuple<void *, size_t, size_t, size_t> steps[] = {
+        {a, 0, 4, 5}, {b, 4, 7, 7}, {b, 7, 8, 8}, {a, 8, messages.size(), 12}};
+    for (const auto &[pub, from, to, lines] : steps) {
+        for (size_t m = from; m < to; m++)
+            for (size_t i = 0; i < messages[m].size(); i++)
+                zmq_send(pub, messages[m][i].data(), messages[m][i].size(),
+                         i + 1 < messages[m].size() ? ZMQ_SNDMORE : 0);
+        EXPECT_TRUE(eventually([&, lines = lines] { return collector.lines() == lines; }) &&
+                    (to != 7 || subscribed(b)));
+    }
+    void *forged = exporter(forged_key, forged_secret, -1);  // one try: one refusal
+    EXPECT_TRUE(collector.wait_for("refused exporter"));
+    for (void *pub : {a, b, forged})
+        zmq_close(pub);
     zmq_ctx_term(context);
-    const std::string report = collector.stop().err;
-    expect_baseline("collector.json", collector.output());  // the first three lines the same
+    std::string report = collector.stop().err;
+    report.replace(report.find(forged_key), 40, "FORGED");
+    expect_baseline("collector.json", collector.output());  // a's first three lines the same
     expect_baseline("collector.txt", report.substr(report.find('\n') + 1));
 }
 

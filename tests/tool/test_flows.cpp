@@ -243,6 +243,8 @@ TEST_F(FlowsTool, ExitStatusesTellWhatWentWrong) {
     tool.write("garbage.pcap", "this is not a capture file at all");
     tool.write("header_only.pcap", std::string("\xd4\xc3\xb2\xa1\x02\x00", 6));
     tool.write("bad.key", "not a key");
+    tool.write("bad.allow", "# a comment, a blank line and no key\n\nnot a key\n");
+    tool.write("secret.allow", "secret-key " + std::string(40, '0') + "\n");
     tool.write("good.rules",
                "; comment\n[filter]\nTLS = discard\nHTTP.SSH = user_1\n[shunt]\n"
                "default = 0\nudp=5\n[global]\ndefault = forward\ndpi_min_num_udp_packets = 3\n");
@@ -298,10 +300,13 @@ TEST_F(FlowsTool, ExitStatusesTellWhatWentWrong) {
         {"flows -r GOOD --zmq ANY --zmq-timeout 0", 69,
          "only a collector holding its secret can read"},
         {"collect --secret-key bad.key", 64, "--bind ENDPOINT"},
-        {"collect --bind ANY --secret-key no.key", 66, "cannot open the secret key file"},
-        {"collect --bind ANY --secret-key bad.key", 65, "make one with quelm keygen"},
+        {"collect --bind ANY --secret-key no.key", 66, "cannot open 'no.key'"},
         {"collect --bind nonsense://x --secret-key k.key", 66, "cannot listen on nonsense://x"},
         {"collect --bind ANY --secret-key k.key -w no/out", 74, "no/out"},
+        {"collect --bind ANY --secret-key k.key --allow-keys bad.allow", 65,
+         "'bad.allow', line 3: not a"},
+        {"collect --bind ANY --secret-key k.key --allow-keys secret.allow", 65,
+         "allow', line 1: a secret"},
     };
     for (const auto &[line, exit_code, message] : cases) {
         const ToolResult r = tool.run(tool.words(line, {{"GOOD", "good.pcap"},
