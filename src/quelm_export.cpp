@@ -211,7 +211,9 @@ void quelm_export_drain(quelm_export *ex) {
 
 void quelm_export_destroy(quelm_export *ex) {
     if (!ex->initialized) {
-        // Flows queued while the exporter never ran are released here, exactly once.
+        // Flows queued while the exporter never ran are released here, exactly once, and
+        // counted as dropped.
+        ex->num_flow_drops += ex->queue_len;
         quelm_list_cleanup(&ex->queue);
         ex->queue_len = 0;
         if (ex->serializer_initialized) quelm_serializer_term(&ex->serializer);

@@ -197,7 +197,21 @@ int ExportSession::finish() {
     send_stats();
     quelm_zmq_export_drain(table_);  // the statistics record, if it had to wait
     quelm_zmq_read_stats(table_, &stats_, sizeof stats_);
+    // Flows still queued now are an exporter that never started: teardown releases them.
+    stats_.num_flow_drops += stats_.queued_flows + stats_.buffered_records;
     const quelm_zmq_stats &s = stats_;
+    if (s.num_flow_exports + s.num_flow_drops != 0 && s.handshakes == 0) return kExitUnavailable;
+    return s.num_flow_drops != 0 ? kExitTempFail : kExitOk;
+}
+
+void ExportSession::report() const {
+    if (table_ == nullptr) return;
+    const quelm_zmq_stats &s = stats_;
+    if (s.num_flow_exports + s.num_flow_drops != 0 && s.handshakes == 0)
+        fprintf(stderr,
+                "quelm flows: no collector completed a handshake: is quelm collect running at "
+                "the endpoint, with the secret key of --zmq-server-key%s?\n",
+                s.refused_auth != 0 ? ", and does its --allow-keys list this exporter" : "");
     std::string refused;
     if (s.refused_auth + s.refused_protocol != 0)
         refused = ", " + std::to_string(s.refused_auth + s.refused_protocol) +
@@ -206,15 +220,6 @@ int ExportSession::finish() {
     fprintf(stderr, "quelm flows: exported %u flows to %u collector%s, %u dropped%s\n",
             s.num_flow_exports, s.handshakes, s.handshakes == 1 ? "" : "s", s.num_flow_drops,
             refused.c_str());
-    const uint32_t due = s.num_flow_exports + s.num_flow_drops + s.queued_flows;
-    if (due != 0 && s.handshakes == 0) {
-        fprintf(stderr,
-                "quelm flows: no collector completed a handshake: is quelm collect running at "
-                "the endpoint, with the secret key of --zmq-server-key%s?\n",
-                s.refused_auth != 0 ? ", and does its --allow-keys list this exporter" : "");
-        return kExitUnavailable;
-    }
-    return s.num_flow_drops != 0 ? kExitTempFail : kExitOk;
 }
 
 }  // namespace quelm_tool

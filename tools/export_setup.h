@@ -31,10 +31,12 @@ class ExportSession {
     // Call now and then: sends a statistics record once the run is 3 seconds old, then as often
     // as the library allows (every 3 seconds).
     void tick();
-    // After the table's last flows were handed on: sends everything, a final statistics record,
-    // and says on standard error what was delivered. 0 when nothing was lost; 69 when flows were
-    // to be sent but no collector ever completed a handshake; 75 when flows were dropped.
+    // After the table's last flows were handed on: sends everything and a final statistics
+    // record. 0 when nothing was lost; 69 when flows were to be sent but no collector ever
+    // completed a handshake; 75 when flows were dropped.
     int finish();
+    // The run's last line on standard error: what was delivered to how many collectors.
+    void report() const;
     // The exporter's counters, as finish() left them.
     const quelm_zmq_stats &stats() const { return stats_; }
 

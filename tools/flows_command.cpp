@@ -463,6 +463,7 @@ int run_flows(const FlowsOptions &o) {
         if (o.detection.enabled) print_protocol_totals(stderr, writer.protocol_totals());
     }
     warn_losses("quelm flows", *quelm_get_stats(table));
+    if (exporting) exporter.report();
     quelm_destroy_table(table);
     return exit_code;
 }
