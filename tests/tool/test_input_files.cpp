@@ -34,7 +34,7 @@ TEST(InputFiles, KeyFilesAreReadOrRefusedSayingWhy) {
         {"", P.substr(1), KeyHalf::kPublic, 65, "k', line 1: not a CURVE key (40 char"},
         {"", P + "\n" + P, KeyHalf::kPublic, 65, "k', line 2: a second key"},
         {"", std::string(257, '#'), KeyHalf::kPublic, 65, "line 1: longer than 256 bytes"},
-        {"", std::string(4097, '\n'), KeyHalf::kPublic, 65, "k' is larger than 4096 bytes"},
+        {"", std::string(4097, '\n'), KeyHalf::kPublic, 65, "k' is larger than 4 KiB"},
         {".", "", KeyHalf::kPublic, 66, "/.' is a directory; give a file"},
         {"/dev/zero", "", KeyHalf::kPublic, 65, "'/dev/zero', line 1: a NUL byte"},
         {"none", "", KeyHalf::kPublic, 66, "/none': No such file"},
