@@ -168,7 +168,7 @@ std::string header(const char *topic, uint8_t version, uint16_t size, uint32_t c
 // must equal the baselines collector.json and collector.txt.
 TEST_F(Export, CollectorReadsReportsAndCountsEveryMessage) {
     Collector collector("--bind", "tcp://127.0.0.1:*", key);
-    const std::string server_key = tool.read("k.pub").substr(0, 40);
+    const std::string file = tool.read("k.pub"), server_key = file.substr(file.find('\n') + 1, 40);
     char client_public[41], client_secret[41];
     zmq_curve_keypair(client_public, client_secret);
     void *context = zmq_ctx_new(), *pub = zmq_socket(context, ZMQ_XPUB);
