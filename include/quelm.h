@@ -445,7 +445,8 @@ QUELM_API const quelm_rules *quelm_get_rules(quelm_table *table);
  */
 
 /* Reads filter and shunt rules and "global" settings from a rules file into the table: 0, or -1
- * without detection handle or when the file cannot be opened. */
+ * without detection handle or when the file cannot be opened or read (a directory), has a line
+ * over 1023 bytes or a NUL byte, or is over 16 MiB; a refused file changes nothing. */
 QUELM_API int quelm_load_configuration(quelm_table *table, const char *path);
 /* Reads only the rules of the file into a caller-owned set, whose two protocol tables it
  * allocates on first use (the caller frees them): 0, or -1. */
@@ -453,7 +454,8 @@ QUELM_API int quelm_load_configuration_ext(quelm_table *table, const char *path,
                                            quelm_rules *rules);
 typedef void (*quelm_conf_callback)(const char *section, const char *key, const char *value,
                                     quelm_table *table, quelm_rules *rules);
-/* Calls cb once per key line in file order: 0, or -1 when the file cannot be opened. */
+/* Calls cb once per key line in file order: 0, or -1 when the file cannot be opened or is
+ * refused as above (before any call). */
 QUELM_API int utils_configuration_file_iterator(const char *path, quelm_conf_callback cb,
                                                 quelm_table *table, quelm_rules *rules);
 QUELM_API void quelm_conf_rule_handler(const char *section, const char *key, const char *value,

@@ -15,6 +15,25 @@ uint8_t packets_value(const char *value) {
     return uint8_t(n);
 }
 
+// A rules file is a few hundred short lines. The limits stop a wrong path (a device, a capture)
+// from being read without end or cut into lines that happen to parse.
+constexpr long kMaxFileBytes = 16L << 20;
+constexpr size_t kLineBytes = 1024;  // a line and its terminating NUL
+
+// The next line without its line end: 1, 0 at the end of the file, -1 when it is longer than
+// kLineBytes - 1, holds a NUL byte, ends past kMaxFileBytes or cannot be read (a directory).
+int next_line(FILE *f, char (&line)[kLineBytes], long *total) {
+    size_t n = 0;
+    for (int c; (c = getc_unlocked(f)) != EOF;) {
+        if (++*total > kMaxFileBytes || c == '\0' || (c != '\n' && n + 1 == kLineBytes)) return -1;
+        if (c == '\n') break;
+        line[n++] = char(c);
+    }
+    line[n] = '\0';
+    if (ferror(f)) return -1;
+    return n > 0 || !feof(f) ? 1 : 0;
+}
+
 bool is_space(char c) {
     return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r';
 }
@@ -50,30 +69,35 @@ quelm_action utils_string2action(char *str) {
 
 int utils_configuration_file_iterator(const char *path, quelm_conf_callback cb, quelm_table *table,
                                       quelm_rules *rules) {
-    // Lines are read in pieces of at most 1023 characters; each piece is handled as a line.
-    char section[1024] = "";
-    char line[1024];
     FILE *f = fopen(path, "r");
     if (f == nullptr) return -1;
-    while (fgets(line, sizeof line, f) != nullptr) {
-        char *s = utils_trim(line);
-        if (strlen(s) < 2 || s[0] == ';' || s[0] == '#') continue;
-        if (s[0] == '[') {
-            snprintf(section, sizeof section, "%s", s + 1);
-            if (char *close = strchr(section, ']')) *close = '\0';
-            continue;
+    // The first pass only reads, so that a file refused half-way has changed nothing.
+    char section[kLineBytes] = "";
+    char line[kLineBytes];
+    int got = 0;
+    for (int pass = 0; pass < 2 && got == 0; pass++) {
+        rewind(f);
+        long total = 0;
+        while ((got = next_line(f, line, &total)) > 0) {
+            char *s = utils_trim(line);
+            if (pass == 0 || strlen(s) < 2 || s[0] == ';' || s[0] == '#') continue;
+            if (s[0] == '[') {
+                snprintf(section, sizeof section, "%s", s + 1);
+                if (char *close = strchr(section, ']')) *close = '\0';
+                continue;
+            }
+            char *sep = strchr(s, '=');
+            if (sep == nullptr) sep = strchr(s, ' ');
+            const char *value = "";
+            if (sep != nullptr) {
+                *sep = '\0';
+                value = utils_trim(sep + 1);
+            }
+            cb(section, utils_trim(s), value, table, rules);
         }
-        char *sep = strchr(s, '=');
-        if (sep == nullptr) sep = strchr(s, ' ');
-        const char *value = "";
-        if (sep != nullptr) {
-            *sep = '\0';
-            value = utils_trim(sep + 1);
-        }
-        cb(section, utils_trim(s), value, table, rules);
     }
     fclose(f);
-    return 0;
+    return got;
 }
 
 void quelm_conf_rule_handler(const char *section, const char *key, const char *value,

@@ -5,9 +5,9 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 
 #include "exit_codes.h"
+#include "input_files.h"
 
 namespace quelm_tool {
 namespace {
@@ -195,39 +195,37 @@ int explain_failed_table(const char *command, std::string *message) {
     return kExitNoMemory;
 }
 
-std::vector<std::string> check_rules_file(quelm_table *table, const std::string &path,
-                                          bool *opened) {
-    std::vector<std::string> problems;
-    std::ifstream in(path);
-    *opened = bool(in);
-    std::string section, line;
-    for (int number = 1; std::getline(in, line); number++) {
-        const std::string where = path + ":" + std::to_string(number) + ": ";
-        if (line.size() > 1022) {
-            problems.push_back(where + "the line is longer than 1022 characters");
-            continue;
-        }
-        const std::string s = trim(line);
-        if (s.size() < 2 || s[0] == ';' || s[0] == '#') {
-            if (s.size() == 1 && s[0] != ';' && s[0] != '#')
-                problems.push_back(where + "'" + s + "' is not a rule");
-            continue;
-        }
-        if (s[0] == '[') {
-            const size_t close = s.find(']');
-            section = s.substr(1, close == std::string::npos ? std::string::npos : close - 1);
-            const std::string problem = check_rule(table, section, "default", "0");
-            if (problem.rfind("unknown section", 0) == 0) problems.push_back(where + problem);
-            continue;
-        }
-        size_t sep = s.find('=');
-        if (sep == std::string::npos) sep = s.find(' ');
-        const std::string key = trim(s.substr(0, sep));
-        const std::string value = sep == std::string::npos ? "" : trim(s.substr(sep + 1));
-        const std::string problem = check_rule(table, section, key, value);
-        if (!problem.empty()) problems.push_back(where + problem);
-    }
-    return problems;
+int check_rules_file(quelm_table *table, const std::string &path,
+                     std::vector<std::string> *problems, std::string *error) {
+    // The library's limits: 1023 bytes a line, a '\r' included, and 16 MiB.
+    const LineLimits limits = {1022, 16 << 20};
+    std::string section;
+    int number = 0;
+    return for_each_line(
+        path, limits,
+        [&](const std::string &line) {
+            const std::string where = path + ":" + std::to_string(++number) + ": ";
+            const std::string s = trim(line);
+            if (s.size() < 2 || s[0] == ';' || s[0] == '#') {
+                if (s.size() == 1 && s[0] != ';' && s[0] != '#')
+                    problems->push_back(where + "'" + s + "' is not a rule");
+                return;
+            }
+            if (s[0] == '[') {
+                const size_t close = s.find(']');
+                section = s.substr(1, close == std::string::npos ? std::string::npos : close - 1);
+                const std::string problem = check_rule(table, section, "default", "0");
+                if (problem.rfind("unknown section", 0) == 0) problems->push_back(where + problem);
+                return;
+            }
+            size_t sep = s.find('=');
+            if (sep == std::string::npos) sep = s.find(' ');
+            const std::string key = trim(s.substr(0, sep));
+            const std::string value = sep == std::string::npos ? "" : trim(s.substr(sep + 1));
+            const std::string problem = check_rule(table, section, key, value);
+            if (!problem.empty()) problems->push_back(where + problem);
+        },
+        error);
 }
 
 int configure_detection(quelm_table *table, const DetectionOptions &o, const char *command) {
@@ -241,6 +239,11 @@ int configure_detection(quelm_table *table, const DetectionOptions &o, const cha
             fprintf(stderr, "%s: cannot open '%s': %m\n", command, path->c_str());
             return kExitNoInput;
         }
+        std::string error;
+        if (refuse_directory(*path, &error) != kExitOk) {
+            fprintf(stderr, "%s: %s\n", command, error.c_str());
+            return kExitNoInput;
+        }
         if (load(table, path->c_str()) < 0) {
             fprintf(stderr,
                     "%s: '%s' was refused, nothing of it is used (the engine named the bad line "
@@ -250,11 +253,12 @@ int configure_detection(quelm_table *table, const DetectionOptions &o, const cha
         }
     }
     if (!o.rules.empty()) {
-        bool opened = false;
-        const std::vector<std::string> problems = check_rules_file(table, o.rules, &opened);
-        if (!opened) {
-            fprintf(stderr, "%s: cannot open the rules file '%s': %m\n", command, o.rules.c_str());
-            return kExitNoInput;
+        std::vector<std::string> problems;
+        std::string error;
+        const int status = check_rules_file(table, o.rules, &problems, &error);
+        if (status != kExitOk) {
+            fprintf(stderr, "%s: %s\n", command, error.c_str());
+            return status;
         }
         for (const std::string &p : problems)
             fprintf(stderr, "%s: %s\n", command, p.c_str());

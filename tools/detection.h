@@ -42,9 +42,9 @@ int explain_failed_table(const char *command, std::string *message);
 int configure_detection(quelm_table *table, const DetectionOptions &options, const char *command);
 
 // The problems of a rules file, one message per bad line ("FILE:LINE: ..."), as the library would
-// silently skip them. `table` must detect (names are checked against its engine). Sets `opened` to
-// false when the file cannot be read.
-std::vector<std::string> check_rules_file(quelm_table *table, const std::string &path,
-                                          bool *opened);
+// silently skip them. `table` must detect (names are checked against its engine). kExitOk, or the
+// status and message of a file that cannot be read or is no text file of rules (read_lines).
+int check_rules_file(quelm_table *table, const std::string &path,
+                     std::vector<std::string> *problems, std::string *error);
 
 }  // namespace quelm_tool

@@ -8,11 +8,11 @@
 #include <cstdarg>
 #include <cstdio>
 #include <ctime>
-#include <fstream>
 #include <map>
 #include <cstring>
 
 #include "exit_codes.h"
+#include "input_files.h"
 #include "link_adapter.h"
 #include "packet_source.h"
 #include "run_report.h"
@@ -135,15 +135,17 @@ int capture_live(PacketSource &source, Loop &loop) {
 bool filter_expression(const FlowsOptions &o, std::string *expression, int *exit_code) {
     std::string text;
     if (!o.filter_file.empty()) {
-        std::ifstream in(o.filter_file);
-        if (!in) {
-            complain("cannot open the filter file '%s'", o.filter_file.c_str());
-            *exit_code = kExitNoInput;
+        std::string error;
+        *exit_code = for_each_line(
+            o.filter_file, LineLimits{},
+            [&text](const std::string &line) {
+                text += line.substr(0, line.find('#')) + ' ';  // '#' starts a comment
+            },
+            &error);
+        if (*exit_code != kExitOk) {
+            complain("filter file: %s", error.c_str());
             return false;
         }
-        std::string line;
-        while (std::getline(in, line))
-            text += line.substr(0, line.find('#')) + ' ';  // '#' starts a comment
     } else {
         for (const std::string &word : o.filter_words)
             text += word + ' ';

@@ -30,6 +30,16 @@ std::string quoted(const std::string &path) {
     return "'" + path + "'";
 }
 
+std::string size_text(size_t bytes) {
+    if (bytes % (1 << 20) == 0) return std::to_string(bytes >> 20) + " MiB";
+    if (bytes % 1024 == 0) return std::to_string(bytes >> 10) + " KiB";
+    return std::to_string(bytes) + " bytes";
+}
+
+std::string directory(const std::string &path) {
+    return quoted(path) + " is a directory; give a file";
+}
+
 std::string trimmed(const std::string &s) {
     const size_t first = s.find_first_not_of(" \t");
     if (first == std::string::npos) return "";
@@ -47,6 +57,13 @@ void wipe(std::vector<std::string> *lines) {
 int read_lines(const std::string &path, const LineLimits &limits, std::vector<std::string> *lines,
                std::string *error) {
     lines->clear();
+    return for_each_line(
+        path, limits, [lines](std::string &line) { lines->push_back(std::move(line)); }, error);
+}
+
+int for_each_line(const std::string &path, const LineLimits &limits,
+                  const std::function<void(std::string &line)> &take, std::string *error) {
+    size_t number = 0;  // lines taken
     Reading r;
     r.fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     struct stat st;
@@ -55,13 +72,13 @@ int read_lines(const std::string &path, const LineLimits &limits, std::vector<st
         return kExitNoInput;
     }
     if (S_ISDIR(st.st_mode)) {
-        *error = quoted(path) + " is a directory; give a file";
+        *error = directory(path);
         return kExitNoInput;
     }
     std::string line;
     size_t total = 0;
     auto too_long = [&] {
-        *error = quoted(path) + ", line " + std::to_string(lines->size() + 1) + ": longer than " +
+        *error = quoted(path) + ", line " + std::to_string(number + 1) + ": longer than " +
                  std::to_string(limits.max_line) + " bytes; is this the right file?";
         return kExitDataError;
     };
@@ -77,7 +94,7 @@ int read_lines(const std::string &path, const LineLimits &limits, std::vector<st
         if (n == 0) break;
         for (const char *p = r.buffer, *end = r.buffer + n; p < end; p++) {
             if (*p == '\0') {
-                *error = quoted(path) + ", line " + std::to_string(lines->size() + 1) +
+                *error = quoted(path) + ", line " + std::to_string(number + 1) +
                          ": a NUL byte; give a text file";
                 return kExitDataError;
             }
@@ -89,19 +106,27 @@ int read_lines(const std::string &path, const LineLimits &limits, std::vector<st
             }
             if (!line.empty() && line.back() == '\r') line.pop_back();
             if (line.size() > limits.max_line) return too_long();
-            lines->push_back(std::move(line));
+            take(line);
             line.clear();
+            number++;
         }
         total += size_t(n);
         if (total > limits.max_total) {
-            *error = quoted(path) + " is larger than " + std::to_string(limits.max_total) +
-                     " bytes; is this the right file?";
+            *error = quoted(path) + " is larger than " + size_text(limits.max_total) +
+                     "; is this the right file?";
             return kExitDataError;
         }
     }
     if (line.size() > limits.max_line) return too_long();
-    if (!line.empty()) lines->push_back(std::move(line));
+    if (!line.empty()) take(line);
     return kExitOk;
+}
+
+int refuse_directory(const std::string &path, std::string *error) {
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return kExitOk;
+    *error = directory(path);
+    return kExitNoInput;
 }
 
 int read_key_file(const ZmqApi &zmq, const std::string &path, KeyHalf want, std::string *key,

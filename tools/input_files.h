@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -12,8 +13,8 @@
 namespace quelm_tool {
 
 struct LineLimits {
-    size_t max_line = 4096;         // bytes per line, line end excluded
-    size_t max_total = 1024 * 1024; // bytes in the whole file
+    size_t max_line = 4096;          // bytes per line, line end excluded
+    size_t max_total = 1024 * 1024;  // bytes in the whole file
 };
 
 // The lines of a text file, line ends removed. kExitOk, or kExitNoInput (cannot be opened, a
@@ -21,6 +22,14 @@ struct LineLimits {
 // that names the file. Stops reading at the first line over the limit.
 int read_lines(const std::string &path, const LineLimits &limits, std::vector<std::string> *lines,
                std::string *error);
+
+// The same, handing each line to `take` as it is read instead of keeping them all.
+int for_each_line(const std::string &path, const LineLimits &limits,
+                  const std::function<void(std::string &line)> &take, std::string *error);
+
+// kExitOk, or kExitNoInput with a message when `path` is a directory: for the files the tool hands
+// to the libraries by name.
+int refuse_directory(const std::string &path, std::string *error);
 
 // Which half of a CURVE key pair a file must hold.
 enum class KeyHalf { kPublic, kSecret };

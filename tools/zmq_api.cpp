@@ -3,8 +3,6 @@
 #include <dlfcn.h>
 #include <unistd.h>
 
-#include "exit_codes.h"
-#include "input_files.h"
 
 namespace quelm_tool {
 namespace {
@@ -73,20 +71,6 @@ const ZmqApi *load_zmq(std::string *error) {
 bool is_z85_key(const ZmqApi &zmq, const std::string &key) {
     uint8_t decoded[32];
     return key.size() == 40 && zmq.z85_decode(decoded, key.c_str()) != nullptr;
-}
-
-bool resolve_key(const std::string &given, std::string *key, std::string *error) {
-    // '@' is also a Z85 digit: a 40-character text is a key unless a file of that name exists.
-    const bool file = !given.empty() && given[0] == '@' &&
-                      (given.size() != 40 || access(given.c_str() + 1, F_OK) == 0);
-    if (!file) {
-        *key = given;
-        return true;
-    }
-    // Comment lines, then the key: the .pub files of `quelm keygen`.
-    const ZmqApi *zmq = load_zmq(error);
-    return zmq != nullptr &&
-           read_key_file(*zmq, given.substr(1), KeyHalf::kPublic, key, error) == kExitOk;
 }
 
 }  // namespace quelm_tool

@@ -42,7 +42,4 @@ const ZmqApi *load_zmq(std::string *error);
 // True when `key` is 40 characters of Z85 that decode to a 32-byte CURVE key.
 bool is_z85_key(const ZmqApi &zmq, const std::string &key);
 
-// A key given as text or as @FILE (the first word of the file): false with a message.
-bool resolve_key(const std::string &given, std::string *key, std::string *error);
-
 }  // namespace quelm_tool

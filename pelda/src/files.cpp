@@ -11,15 +11,22 @@ using namespace pelda;
 namespace {
 
 constexpr size_t kLineMax = 1024;
+// Far above any real protocols or categories file; it only stops a wrong path (a device, a
+// capture) from being read without end.
+constexpr long kFileMax = 16L << 20;
 
 struct file_reader {
     const char *path = nullptr;
     FILE *fp = nullptr;
     unsigned line_no = 0;
-    char line[kLineMax + 2];
+    long total = 0;  // bytes read
+    char line[kLineMax + 1];
 
     int fail(const char *what, const char *token) const {
-        std::fprintf(stderr, "pelda: %s:%u: %s '%s'\n", path, line_no, what, token ? token : "");
+        if (!token)
+            std::fprintf(stderr, "pelda: %s:%u: %s\n", path, line_no, what);
+        else
+            std::fprintf(stderr, "pelda: %s:%u: %s '%s'\n", path, line_no, what, token);
         return -1;
     }
 };
@@ -118,13 +125,26 @@ bool tokenize(char *line, char **tok, int max, int *count) {
     return true;
 }
 
-// Reads the next line, without comments; 1 line read, 0 end of file, -1 error.
+// Reads the next line, without its line end and comments; 1 line read, 0 end of file, -1 error.
 int next_line(file_reader &r) {
-    if (!std::fgets(r.line, sizeof(r.line), r.fp)) return 0;
+    size_t n = 0;
+    int c;
     ++r.line_no;
-    size_t n = std::strlen(r.line);
-    if (n > kLineMax && r.line[n - 1] != '\n')
-        return r.fail("line too long (1024 bytes at most)", "");
+    while ((c = getc_unlocked(r.fp)) != EOF) {
+        if (++r.total > kFileMax)
+            return r.fail("file larger than 16 MiB; is it the right file?", nullptr);
+        if (c == '\n') break;
+        if (c == '\0') return r.fail("NUL byte: not a text file", nullptr);
+        if (n == kLineMax) return r.fail("line too long (1024 bytes at most)", nullptr);
+        r.line[n++] = char(c);
+    }
+    r.line[n] = '\0';
+    if (std::ferror(r.fp)) {
+        std::fprintf(stderr, "pelda: %s: cannot read (%s); give a text file\n", r.path,
+                     std::strerror(errno));
+        return -1;
+    }
+    if (c == EOF && n == 0) return 0;
     if (char *hash = std::strchr(r.line, '#')) *hash = '\0';
     return 1;
 }
@@ -137,7 +157,8 @@ int next_rules(file_reader &r, char **tok, int *n) {
     for (;;) {
         int got = next_line(r);
         if (got <= 0) return got;
-        if (!tokenize(r.line, tok, kMaxTokens, n)) return r.fail("too many rules on the line", "");
+        if (!tokenize(r.line, tok, kMaxTokens, n))
+            return r.fail("too many rules on the line", nullptr);
         if (*n > 0) return 1;
     }
 }
@@ -280,6 +301,7 @@ int load_file(pelda_detection_module *m, const char *path, pass_fn pass) {
     if (rc == 0) {
         std::rewind(r.fp);
         r.line_no = 0;
+        r.total = 0;
         rc = pass(m, r, true, &added);
     }
     std::fclose(r.fp);

@@ -77,6 +77,8 @@ TEST(Files, BadProtocolFilesChangeNothing) {
         EXPECT_EQ(std::to_string(rc) + err.substr(0, error.size()), "-1" + error) << content << err;
         EXPECT_EQ(pelda_get_num_protocols(m), before) << content;
     }
+    for (const char *wrong : {"/", "/dev/zero"})  // no file, no text: refused at once
+        EXPECT_LT(pelda_load_protocols_file(m, wrong), 0) << wrong;
     testing::internal::CaptureStderr();
     EXPECT_LT(pelda_load_protocols_file(m, "/nonexistent/protos.txt"), 0);
     EXPECT_NE(testing::internal::GetCapturedStderr().find("cannot open"), std::string::npos);

@@ -96,7 +96,7 @@ class Dpi : public ::testing::Test {
     int sent = 0;
     std::vector<int> events;  // packet number of each L7-detected callback, -1 at export
     std::vector<std::unique_ptr<quelm_flow, decltype(&quelm_flow_free)>> exported;
-    std::string path = testing::TempDir() + "quelm_rules.conf";
+    std::string path = testing::TempDir() + "quelm_rules." + std::to_string(getpid()) + ".conf";
 };
 
 using Binding = Dpi;
@@ -282,7 +282,11 @@ TEST_F(Config, FileSetsTableRulesAndGlobalSettings) {
     EXPECT_EQ(seen,
               "[]before=section;[Shunt]tcp=300;[Shunt]udp=10;[Shunt]bare=;[ spaced ]a=b=c;"
               "[unclosed]key=;");
-    EXPECT_EQ(quelm_load_configuration(t, "/nonexistent/rules.conf"), -1);
+    // Refused whole: a rules file that is no file, no text, or has a line over 1023 bytes.
+    const std::string cut = "[global]\ndefault = discard\n" + std::string(1024, ' ') + "x\n";
+    for (const char *bad : {"/nonexistent/rules.conf", "/", "/dev/zero", file(cut)})
+        EXPECT_EQ(quelm_load_configuration(t, bad), -1) << bad;
+    EXPECT_EQ(t->default_action, QUELM_ACTION_DEFAULT);
 
     quelm_set_filter_protocol_by_name(t, "Chat", QUELM_ACTION_DISCARD);
     quelm_debug();

@@ -21,7 +21,10 @@ TEST(InputFiles, KeyFilesAreReadOrRefusedSayingWhy) {
     ToolRunner files;
     ASSERT_EQ(files.run({"keygen", "--client", "-o", "c"}).exit_code, 0);
     EXPECT_THAT(files.read("c.key"), HasSubstr("--zmq-client-key c.key)\nsecret-key "));
-    EXPECT_THAT(files.read("c.pub"), HasSubstr("--allow-keys"));
+    EXPECT_FALSE(quelm_tool::secret_key_exposed(files.path("c.key"), &error)) << "made 0600";
+    std::filesystem::permissions(files.path("c.pub"), std::filesystem::perms(0640));
+    EXPECT_TRUE(quelm_tool::secret_key_exposed(files.path("c.pub"), &error) &&
+                error.find("others (mode 0640); chmod 600 '") != error.npos);
     // A file name, or the text of the file "k"; the half wanted; the exit status; what must show.
     const std::tuple<std::string, std::string, KeyHalf, int, std::string> cases[] = {
         {"", "# public\r\n" + P + "\r\n", KeyHalf::kPublic, 0, kPub},
@@ -34,7 +37,7 @@ TEST(InputFiles, KeyFilesAreReadOrRefusedSayingWhy) {
         {"", P.substr(1), KeyHalf::kPublic, 65, "k', line 1: not a CURVE key (40 char"},
         {"", P + "\n" + P, KeyHalf::kPublic, 65, "k', line 2: a second key"},
         {"", std::string(257, '#'), KeyHalf::kPublic, 65, "line 1: longer than 256 bytes"},
-        {"", std::string(4097, '\n'), KeyHalf::kPublic, 65, "k' is larger than 4096 bytes"},
+        {"", std::string(4097, '\n'), KeyHalf::kPublic, 65, "k' is larger than 4 KiB"},
         {".", "", KeyHalf::kPublic, 66, "/.' is a directory; give a file"},
         {"/dev/zero", "", KeyHalf::kPublic, 65, "'/dev/zero', line 1: a NUL byte"},
         {"none", "", KeyHalf::kPublic, 66, "/none': No such file"},
