@@ -18,10 +18,11 @@ namespace {
 using namespace quelm::wire;
 
 constexpr uint64_t kStatsIntervalMsec = 3000;
-// Messages the socket holds for a collector before it refuses more: 8192 batches of 16 records,
-// about 16 MiB of TLV. Enough to ride out a collector's pause; beyond it the sender waits (forced
-// drains) or keeps flows queued (the packet path), so the size is about smoothness, not loss.
-constexpr uint32_t kSendHighWaterMark = 8192;
+// Messages the socket holds for a collector before it refuses more: 256 batches of 16 records,
+// about 0.5 MiB of TLV, several milliseconds of a fast collector's work, so that a waiting sender
+// refills it in time. Kept small because these are what closing the socket must still deliver
+// within the timeout (libzmq's linger), with nobody to count them if the collector is too slow.
+constexpr uint32_t kSendHighWaterMark = 256;
 // A waiting sender looks again this often: the socket does not say when a queue has room.
 constexpr uint32_t kWaitSliceMsec = 1;
 constexpr const char *kDefaultProbeIp = "127.0.0.1";
