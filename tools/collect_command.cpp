@@ -72,8 +72,7 @@ std::string text_line(const Record &named, bool stats, const std::string &probe)
 }
 
 // The public keys of an allow-list: one per line, blank lines and `#` comments allowed, so that the
-// .pub files of exporters can be appended as they are. A line that is a key is one even when it
-// starts with '#', which is also a Z85 digit.
+// .pub files of exporters can be appended as they are.
 int read_allow_list(const ZmqApi &zmq, const std::string &path, std::set<std::string> *keys,
                     std::string *error) {
     std::vector<std::string> lines;
