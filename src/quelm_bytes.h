@@ -1,4 +1,5 @@
-// Byte order and flow-key helpers shared by the decoder, the flow hash, flow records and export.
+// Byte order, flow-key and number-text helpers shared by the decoder, the flow hash, flow records,
+// export and the tool.
 #pragma once
 
 #include <stdint.h>
@@ -19,6 +20,19 @@ inline uint32_t key_ipv4(const uint8_t addr[16]) {
     uint32_t v;
     memcpy(&v, addr, sizeof v);
     return v;
+}
+
+// Writes `n` in decimal at `out` (at most 20 characters, no terminator); returns the end.
+inline char *write_decimal(uint64_t n, char *out) {
+    char digits[20];
+    int len = 0;
+    do {
+        digits[len++] = char('0' + n % 10);
+        n /= 10;
+    } while (n != 0);
+    while (len > 0)
+        *out++ = digits[--len];
+    return out;
 }
 
 }  // namespace quelm

@@ -31,19 +31,6 @@ constexpr const char *kBuiltinServerPublicKey = "Q7w.Fk2-Tz9m!xR4b^Lp8vN0c=Hs6yJ
 
 using quelm::key_ipv4;
 
-// Writes `n` in decimal at `out`; returns the end.
-char *decimal(uint16_t n, char *out) {
-    char digits[5];
-    int len = 0;
-    do {
-        digits[len++] = char('0' + n % 10);
-        n /= 10;
-    } while (n != 0);
-    while (len > 0)
-        *out++ = digits[--len];
-    return out;
-}
-
 uint64_t clamp_rate(double rate) {
     return rate >= 4294967295.0 ? 4294967295u : uint64_t(uint32_t(rate));
 }
@@ -124,9 +111,9 @@ void quelm_export_write_flow_record(void *s, quelm_flow *flow) {
     quelm_serialize_uint32(s, kOutputSnmp, v.direction[1].if_index);
     quelm_serialize_uint32(s, kPortId, v.direction[0].port_id);
     // "master.app", written by hand: formatting it was a tenth of a record's cost.
-    char *end = decimal(v.l7_protocol.master_protocol, l7);
+    char *end = quelm::write_decimal(v.l7_protocol.master_protocol, l7);
     *end++ = '.';
-    *decimal(v.l7_protocol.app_protocol, end) = '\0';
+    *quelm::write_decimal(v.l7_protocol.app_protocol, end) = '\0';
     quelm_serialize_string_string(s, kL7ProtoKey, l7);
 }
 

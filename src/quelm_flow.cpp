@@ -135,13 +135,9 @@ struct TextWriter {
     }
     TextWriter &num(uint64_t n) {
         char digits[20];
-        int i = 0;
-        do {
-            digits[i++] = char('0' + n % 10);
-            n /= 10;
-        } while (n != 0);
-        while (i > 0 && len < sizeof text)
-            text[len++] = digits[--i];
+        const char *end = quelm::write_decimal(n, digits);
+        for (const char *d = digits; d < end && len < sizeof text; d++)
+            text[len++] = *d;
         return *this;
     }
 };

@@ -10,6 +10,7 @@
 #include <ctime>
 
 #include "pelda.h"
+#include "quelm_bytes.h"
 
 namespace quelm_tool {
 namespace {
@@ -34,14 +35,7 @@ class Out {
         return *this;
     }
     Out &u64(uint64_t v) {
-        char digits[20];
-        int n = 0;
-        do {
-            digits[n++] = char('0' + v % 10);
-            v /= 10;
-        } while (v != 0);
-        while (n > 0)
-            *at_++ = digits[--n];
+        at_ = quelm::write_decimal(v, at_);
         return *this;
     }
     Out &hex8(uint8_t v) {
