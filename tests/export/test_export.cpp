@@ -79,7 +79,7 @@ class Export : public ::testing::Test {
         ASSERT_TRUE(t->exporter.initialized);
     }
     // Flows `first` to `last` - 1, one packet each from source port 1000 + n, ended by a flush.
-    void flows(uint16_t first, uint16_t last, bool v6 = false) {
+    void flows(uint16_t first, uint16_t last, bool v6 = false, bool flush = true) {
         for (uint16_t n = first; n < last; n++) {
             const auto f =
                 v6 ? Frame().eth().ipv6("fd00::1", "fd00::2").udp(1000 + n, 53).build()
@@ -88,7 +88,7 @@ class Export : public ::testing::Test {
             const quelm_packet_ext ext{};
             quelm_process(t, f.data(), &h, &ext);
         }
-        quelm_flush(t);
+        if (flush) quelm_flush(t);
     }
     quelm_table *t = nullptr;
 };
@@ -209,26 +209,18 @@ TEST_F(Export, RefusedSendsKeepFlowsUntilAForcedDrainGivesUp) {
     };
     // clang-format on
     for (const auto &c : cases) {
-        state() = {};
+        TearDown(), SetUp();
         if (!c.subscribed) state().subscriptions.clear();
         start();
         quelm_zmq_set_timeout(t, 50);
         state().refuse_sends = c.refusals;
-        for (uint16_t n = 0; n < 40; n++) {  // ended by idle time in the packet path
-            const auto f = Frame().eth().ipv4("10.0.0.1", "10.0.0.2").tcp(1000 + n, 80).build();
-            const quelm_packet_header h{{100, 0}, uint32_t(f.size()), uint32_t(f.size())};
-            const quelm_packet_ext ext{};
-            quelm_process(t, f.data(), &h, &ext);
-        }
-        quelm_housekeeping(t, 200);
+        flows(0, 40, false, false);
+        quelm_housekeeping(t, 200);  // ended by idle time in the packet path
         EXPECT_EQ(t->exporter.num_flow_drops, 0u) << "the packet path drops nothing";
         const uint64_t before = utils_time_msec();
         quelm_zmq_export_drain(t);
         EXPECT_LT(utils_time_msec() - before, 1000u) << "one timeout, not one per batch";
         EXPECT_EQ(t->exporter.num_flow_exports, c.exported);
         EXPECT_EQ(t->exporter.num_flow_drops, c.dropped);
-        quelm_destroy_table(t);
-        t = quelm_create_table(0, 1024, 30, 120, 0);
-        quelm_set_flow_export_callback(t, quelm_zmq_export_flow, t);
     }
 }
