@@ -39,6 +39,8 @@ DNS sn=www.tcpdump.org dq=1 dr=0 | corpus dns_udp.pcap
 QUIC sn=clientservices.googleapis.com | corpus gquic.pcap
 RADIUS | corpus RADIUS.pcap
 IKE | corpus isakmp4500.pcap
+TFTP | corpus tftp.pcap
+SSDP | corpus eapon1.pcap
 HTTP sn=proxy.example url=http://proxy.example:3128/a/b | tcp 40001 | C'GET http://proxy.example:3128/a/b HTTP/1.1\r\nUser-Agent: x\r\n\r\n'
 HTTP sn=secure.example url=http://secure.example:443 | tcp 40001 | C'CONNECT secure.example:443 HTTP/1.1\r\n\r\n'
 HTTP sn=2001:db8::1 url=http://2001:db8::1/form | tcp 40001 | C'POST /form HTTP/1.0\r\nhost:  [2001:db8::1]:8080 \r\n\r\n'
@@ -181,7 +183,7 @@ TEST(Detect, CaseTable) {
         }
         EXPECT_TRUE(got == expect || (corpus && pk.empty())) << line << "\n  got: " << got;
     }
-    EXPECT_EQ(rows, 67);
+    EXPECT_EQ(rows, 69);
 }
 
 TEST(Flow, NullAndTruncatedInputsAreHarmless) {
