@@ -3,6 +3,7 @@
 // shared corpus, direction and truncated packets.
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <sstream>
 #include <string>
 
@@ -162,6 +163,7 @@ std::vector<pt::packet> packets_of(const std::string &head, const std::string &m
 }
 
 TEST(Detect, CaseTable) {
+    const bool have_corpus = std::filesystem::is_directory(PELDA_CORPUS_DIR "/tcpdump");
     std::istringstream lines(kCases);
     int rows = 0;
     for (std::string line; std::getline(lines, line); rows += !line.empty()) {
@@ -169,8 +171,9 @@ TEST(Detect, CaseTable) {
         if (line.empty()) continue;
         std::string expect = line.substr(0, bar1), head = line.substr(bar1 + 3, bar2 - bar1 - 3);
         bool guess = true, corpus = head.rfind("corpus", 0) == 0;
+        const bool skipped = corpus && !have_corpus;  // not when a capture of it reads empty
         auto pk = packets_of(head, bar2 < line.size() ? line.substr(bar2 + 3) : "", &guess);
-        EXPECT_TRUE(!pk.empty() || corpus) << line;
+        EXPECT_TRUE(!pk.empty() || skipped) << line;
         pt::owned_module m(guess);
         std::string got;
         bool extra = head.find("noextra") == std::string::npos,
@@ -181,7 +184,7 @@ TEST(Detect, CaseTable) {
             if (!corpus) got += (got.empty() ? "" : " / ") + f.summary;
             if (!corpus && expect.find(" @") != std::string::npos) got += decided;
         }
-        EXPECT_TRUE(got == expect || (corpus && pk.empty())) << line << "\n  got: " << got;
+        EXPECT_TRUE(got == expect || skipped) << line << "\n  got: " << got;
     }
     EXPECT_EQ(rows, 69);
 }
