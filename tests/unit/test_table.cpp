@@ -73,7 +73,6 @@ TEST(Table, FlowsEndAsTheyShould) {
         {"flush_ends_every_flow_ipv4_first", 1024, {{fwd, 0xFFFFFFFE}, {Frame().eth().ipv6(C, D).udp(1, 2).payload(32), 100}, {tcp(D, 1, C, 2), 100}}, -1, "0:4:1:54 1:4:1:80 2:4:1:60"},
         {"full_hashes_count_no_room_and_keep_their_flows", 1, {{fwd, 100}, {tcp(A, 3, B, 4), 100}, {tcp(A, 5, B, 6), 100}, {rev, 100}, {tcp(C, 1, D, 2), 100}}, -1, "1:4:1:54 0:4:2:54", 2},
         {"fragments_of_a_datagram", 1024, {{middle, 100}, {first, 100}, {middle, 100}, {last, 101}, {middle, 101}, {next, 101}}, -1, "0:4:4:3236", 0, 4},
-        {"icmp_request_and_reply_are_two_flows", 1024, {{Frame().eth().ipv4(A, B).icmp(8, 0), 100}, {Frame().eth().ipv4(B, A).icmp(0, 0), 100}}, -1, "0:4:1:42 1:4:1:42"},
     };
     // clang-format on
     for (const Row &r : rows) {
