@@ -1,5 +1,4 @@
-// Test support: captures, packets built with the project's packet builder, and a driver
-// that feeds flows to the engine the way the flow table does.
+// Captures, built packets, and a driver that feeds flows to the engine as the flow table does.
 #pragma once
 
 #include <cstdint>

@@ -1,6 +1,4 @@
-// Detection driven by packet bytes: a table with one row per protocol case (packets in,
-// protocol and the metadata callers read out, captures also re-cut into small segments), the
-// shared corpus, direction and truncated packets.
+// Detection driven by packet bytes: one row per protocol case, and truncated packets.
 #include <gtest/gtest.h>
 
 #include <filesystem>

@@ -1,5 +1,4 @@
-// Serializer: the documented JSON and TLV, escapes, limits, misuse and malformed TLV; TLV
-// read back gives the JSON of the same calls.
+// Serializer: JSON and TLV of the same calls, escapes, limits, misuse and malformed TLV.
 #include <gtest/gtest.h>
 
 #include <cstring>

@@ -1,5 +1,4 @@
-// Detection, rules and rules files in a table, against the scripted engine so that every engine
-// answer is exact.
+// Detection, rules and rules files in a table, against the scripted engine.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -194,9 +193,8 @@ TEST_F(Dpi, ProtocolDetailsAreCopiedFromTheEngine) {
     }
 }
 
-// A rule as the table's setters take it. Kinds: filter of a 'p'rotocol, a 'c'ategory or 'a'll
-// protocols; 's'hunt of a protocol, 't'CP or 'g'eneral shunt; 'd'efault action; TCP detection
-// 'l'imit.
+// A rule: filter of a 'p'rotocol, 'c'ategory or 'a'll; 's'hunt of a protocol, 't'CP or 'g'eneral;
+// 'd'efault action; TCP detection 'l'imit.
 struct Rule {
     char kind;
     const char *name;

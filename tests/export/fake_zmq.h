@@ -1,6 +1,4 @@
-// A scripted libzmq for export tests: built as a library named libzmq.so, so that the library's
-// run-time load finds it, and linked into the test so the test can script it and read what was
-// sent.
+// A scripted libzmq (built as libzmq.so, which the library's run-time load finds) for export tests.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,4 @@
-// Export against a scripted libzmq and the real engine's serializer: the message header, the flow
-// records, the queue and its batches, failures, and the statistics record.
+// Export against a scripted libzmq and the real engine's serializer.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
@@ -23,8 +22,7 @@ using quelm_test::Frame;
 
 constexpr const char *kKey = "rq:rM>}U?@Lns47E1%kR.o@n%FcmmsL/@{H8]yf7";  // 40 Z85 characters
 
-// Records of message `i` as "key=value " text in the order written, after checking its header
-// against its payload and its place.
+// Records of message `i` as "key=value " text, its header checked against payload and place.
 std::vector<std::string> records(size_t i, uint8_t version = wire::kVersionTlv,
                                  const char *topic = wire::kTopicFlow) {
     const fake_zmq::Message &m = state().messages.at(i);
@@ -188,8 +186,8 @@ TEST_F(Export, StatisticsRecordEveryThreeSeconds) {
 
 }  // namespace
 
-// The packet path never waits: what the collectors refuse stays queued. Forced drains wait up to
-// the timeout, then count the rest as dropped without waiting again.
+// The packet path never waits: what collectors refuse stays queued; a forced drain waits up to the
+// timeout once, then counts the rest as dropped.
 TEST_F(Export, RefusedSendsKeepFlowsUntilAForcedDrainGivesUp) {
     // clang-format off
     const struct { int refusals; bool subscribed; uint32_t exported, dropped; } cases[] = {

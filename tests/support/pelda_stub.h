@@ -1,6 +1,4 @@
-// A scripted detection engine: it defines those of the engine functions the library references
-// weakly that the tests reach, so a test linked with it (instead of the engine) controls every
-// detection result and name.
+// A scripted detection engine in place of the real one: the tests set every result and name.
 #pragma once
 
 #include <deque>

@@ -77,7 +77,7 @@ TEST_F(FlowsTool, OutputsEqualTheirBaselines) {
     Frame vxlan;
     vxlan.eth().ipv4("192.0.2.1", "192.0.2.2").udp(40000, 4789).bytes({8, 0, 0, 0, 0, 0, 42, 0});
     capture("vxlan.pcap", {at(1, 0, vxlan.eth().ipv4("10.9.0.1", "10.9.0.2").tcp(1234, 443, 2))});
-    // A TCP flow to the SMTP port whose payload is no protocol: SMTP is guessed from the port.
+    // No protocol in it: SMTP is guessed from the port.
     const Frame smtp = Frame().eth().ipv4("10.0.0.1", "10.0.0.2").tcp(40000, 25, 0x18).payload(30);
     capture("smtp.pcap", {at(1, 0, smtp), at(1, 1, smtp), at(1, 2, smtp)});
     tool.write("limits.conf", "[global]\ndpi_min_num_tcp_packets = 50\n");
@@ -92,25 +92,21 @@ TEST_F(FlowsTool, OutputsEqualTheirBaselines) {
     const std::pair<const char *, const char *> cases[] = {
         {"mixed.json", "flows -r mixed.pcap --format json"},  // TCP, IPv6, ICMP, VLAN fields
         {"vxlan.json", "flows -r vxlan.pcap --format json"},  // the outer flow only (VNI 42)
-        // The flows read before the damage, the cut FIN of the TCP flow not counted (exit 65).
-        {"cut.json", "flows -r cut.pcap --format json"},
+        {"cut.json", "flows -r cut.pcap --format json"},  // the flows before the damage; exit 65
         {"vxlan-tunnels.json", "flows -r vxlan.pcap --format json --tunnels"},
         {"smtp.json", "flows -r smtp.pcap --format json"},
         {"smtp-noguess.json", "flows -r smtp.pcap --format json --no-guess"},
         {"demo.txt", "flows -r SAMPLE"},
         {"demo.json", "flows -r SAMPLE --format json"},  // request details, no answers
         {"demo-extra.json", "flows -r SAMPLE --format json --extra-dissection"},
-        {"demo-nodpi.txt", "flows -r SAMPLE --no-dpi"},  // every flow Unknown
-        // The summary (its timings left out) and the protocols' totals, the most bytes first.
-        {"demo-stats.err", "flows -r SAMPLE --stats --slice 5 -w /dev/null"},
-        // Filters set the flows' action; a shunt discards a flow beyond its packet count.
-        {"demo-rules.json", "flows -r SAMPLE --format json --rules rules.conf"},
+        {"demo-nodpi.txt", "flows -r SAMPLE --no-dpi"},                        // every flow Unknown
+        {"demo-stats.err", "flows -r SAMPLE --stats --slice 5 -w /dev/null"},  // timings left out
+        {"demo-rules.json", "flows -r SAMPLE --format json --rules rules.conf"},  // actions
         // The rules file's packet limit leaves HTTP named; the command line's (1) wins over it.
         {"demo-80-limits.json", "flows --rules limits.conf -r SAMPLE --format json tcp port 80"},
         {"demo-80-1packet.json",
          "flows --rules limits.conf --dpi-tcp-packets 1 -r SAMPLE --format json tcp port 80"},
         // A protocol of a protocols file is listed, detected by its rule and usable in rules.
-        {"protocols.txt", "protocols"},
         {"protocols-more.txt", "protocols --protocols more.txt"},
         {"demo-more.json",
          "flows -r SAMPLE --format json --protocols more.txt --rules web.conf tcp"},
@@ -145,10 +141,9 @@ TEST_F(FlowsTool, FlowsEndAsConfigured) {
         std::vector<CapturedPacket> packets;
         std::vector<std::string> expected;  // in any order: "<src_port> <reason> <pkts_toserver>"
     } cases[] = {
-        // Last packet at 100; idle 5 ends it once a packet of second 106 drives housekeeping.
+        // Idle since 100: a packet of 106 ends it, one of 105 does not.
         {"-r in.pcap --idle 5", {u(100, 1), u(105, 2), u(106, 2)}, {"1 idle 1", "2 flush 2"}},
         {"-r in.pcap --idle 5", {u(100, 1), u(105, 2), u(105, 1)}, {"1 flush 2", "2 flush 1"}},
-        // Started at 100: 110 continues it, 111 ends it and opens a new flow.
         {"-r in.pcap --lifetime 10",
          {u(100, 1), u(110, 1), u(111, 1)},
          {"1 lifetime 2", "1 flush 1"}},

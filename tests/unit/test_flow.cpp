@@ -18,8 +18,7 @@ TEST(Flow, KeyInHostOrderAndPrintCutToTheBuffer) {
 }
 
 // A slice holds a reference on its live flow and shares its user area, but owns copies of its
-// metadata. Every kind is copied: HTTP's URL shares its place with TLS's 20-byte fingerprint, and
-// the first string of each kind shares one too.
+// metadata of every kind (HTTP's URL and TLS's fingerprint share a place).
 TEST(Flow, SlicesShareTheRecordButOwnTheirMetadata) {
     Bench b;
     for (uint16_t protocol : {7, 91, 5}) {  // HTTP, TLS, DNS
@@ -55,8 +54,8 @@ static quelm_fragment_entry *find(quelm_fragment_hash *t, uint32_t key, uint16_t
     return quelm_fragment_hash_find(t, key, id, &h);
 }
 
-// Scripts of lookups, each finding a slot (or none) and counting a packet into its entry; then the
-// slots in use, and those left by emptying slots 6 to 1.
+// Lookups, each finding a slot (or none) and counting a packet; then the slots in use, and after
+// emptying slots 6 to 1.
 TEST(FragmentHash, LifetimeCollisionsWrapAroundFullTableAndStaleRuns) {
     // clang-format off
     struct Step { uint32_t key; uint16_t id; int64_t sec; int slot; uint32_t pkts; };  // slot -1: none

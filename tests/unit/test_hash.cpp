@@ -1,5 +1,4 @@
-// The flow hash driven by hand: flows of decoded frames inserted into and looked up in a table's
-// hash, so that what leaves it is counted as in packet processing.
+// The flow hash driven by hand, with flows of decoded frames.
 #include <gtest/gtest.h>
 
 #include <array>

@@ -58,9 +58,8 @@ TEST(Table, ShuntDiscardsBeyondTheLimit) {
     }
 }
 
-// Packets into a table of max_flows, then housekeeping at a given second (or a flush): the flows
-// exported by then, the packets that found no room and those not decoded. Later fragments are
-// credited to the flow of their first fragment while its datagram lasts.
+// Packets, then housekeeping at a second (or a flush): the flows exported, the packets without
+// room, those not decoded. Later fragments count for the flow of their datagram's first one.
 TEST(Table, FlowsEndAsTheyShould) {
     const Frame fwd = tcp(A, 1, B, 2), rev = tcp(B, 2, A, 1);
     const Frame first = fragment(1, 0, true, 1480), middle = fragment(1, 185, true, 1480),
@@ -118,8 +117,8 @@ TEST(Table, ListCallbackTakesPrecedenceWithTheWholeBatch) {
     EXPECT_EQ(b.t->export_list.head, nullptr);
 }
 
-// What the table still holds goes with it: live flows (one mapping a fragment entry), and a retired
-// flow and a slice not exported yet. The sanitizer build checks that nothing leaks or is used late.
+// Live flows, a fragment entry, a retired flow and a slice go with the table (checked by the
+// sanitizers).
 TEST(Table, DestroyReleasesEverythingItHolds) {
     Bench b;
     b.send(fragment(1, 0, true, 100), 100);
