@@ -112,18 +112,6 @@ TEST(Hash, WalkMayRemoveTheFlowItIsGivenAndStopsOnRequest) {
     EXPECT_EQ(b.t->hash_v4->num_flows, 2u);
 }
 
-TEST(Hash, RecencyMovesAreThrottledToOncePerPeriod) {
-    Bench b;
-    const quelm_list &lru = b.t->hash_v4->lru;
-    quelm_flow *first = b.add(tcp(A, 1, B, 2)), *second = b.add(tcp(A, 3, B, 4));
-    b.find(tcp(A, 1, B, 2), 101);
-    EXPECT_EQ(lru.head->owner, first);
-    b.find(tcp(A, 3, B, 4), 131);
-    EXPECT_EQ(lru.head->owner, first) << "not before 101 + 30";
-    b.find(tcp(A, 3, B, 4), 132);
-    EXPECT_EQ(lru.head->owner, second);
-}
-
 TEST(Hash, FreeReleasesChainedFlowsButNotRetiredOnes) {
     Bench b;
     quelm_hash *h = quelm_hash_alloc(8, 30, 0, 0);  // counted by the table each call names
