@@ -1,18 +1,16 @@
 // Export against a scripted libzmq and the real engine's serializer.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <regex>
 #include <string>
 #include <vector>
 
 #include "fake_zmq.h"
-#include "packet_builder.h"
 #include "quelm_export.h"
-#include "quelm_flow.h"
-#include "quelm_table.h"
-#include "quelm_wire.h"
+#include "test_table.h"
 #include "tlv_copy.h"
+#include "wire_header.h"
 
 namespace {
 
@@ -26,14 +24,8 @@ constexpr const char *kKey = "rq:rM>}U?@Lns47E1%kR.o@n%FcmmsL/@{H8]yf7";  // 40 
 std::vector<std::string> records(size_t i, uint8_t version = wire::kVersionTlv,
                                  const char *topic = wire::kTopicFlow) {
     const fake_zmq::Message &m = state().messages.at(i);
-    std::vector<uint8_t> header(wire::kHeaderLen);
-    memcpy(header.data(), topic, strlen(topic));
-    header[wire::kVersionAt] = version;
-    const uint16_t size = uint16_t(m.payload.size());  // host order
-    memcpy(&header[wire::kSizeAt], &size, sizeof size);
-    const uint32_t counter = htonl(uint32_t(i));  // big-endian, one per message sent
-    memcpy(&header[wire::kCounterAt], &counter, sizeof counter);
-    EXPECT_EQ(m.header, header);
+    EXPECT_EQ(std::string(m.header.begin(), m.header.end()),
+              quelm_test::wire_header(topic, version, uint16_t(m.payload.size()), uint32_t(i)));
     std::string text(m.payload.begin(), m.payload.end());
     if (version == wire::kVersionTlv) {  // as JSON, by the engine's serializer
         pelda_serializer s;
@@ -57,27 +49,24 @@ class Export : public ::testing::Test {
   protected:
     void SetUp() override {
         state() = {};
-        t = quelm_create_table(0, 1024, 30, 120, 0);
+        t = b.emplace().t;
         ASSERT_NE(t, nullptr);
         quelm_set_flow_export_callback(t, quelm_zmq_export_flow, t);
     }
-    void TearDown() override { quelm_destroy_table(t); }
+    void TearDown() override { b.reset(); }
     void start(bool json = false) {
         quelm_zmq_export_configure(t, "tcp://127.0.0.1:5556", kKey, 1, 0, json);
         ASSERT_TRUE(t->exporter.initialized);
     }
     // Flows `first` to `last` - 1, one packet each from source port 1000 + n, ended by a flush.
     void flows(uint16_t first, uint16_t last, bool v6 = false, bool flush = true) {
-        for (uint16_t n = first; n < last; n++) {
-            const auto f =
-                v6 ? Frame().eth().ipv6("fd00::1", "fd00::2").udp(1000 + n, 53).build()
-                   : Frame().eth().ipv4("10.0.0.1", "10.0.0.2").tcp(1000 + n, 80).build();
-            const quelm_packet_header h{{100, 0}, uint32_t(f.size()), uint32_t(f.size())};
-            const quelm_packet_ext ext{};
-            quelm_process(t, f.data(), &h, &ext);
-        }
+        for (uint16_t n = first; n < last; n++)
+            b->send(v6 ? Frame().eth().ipv6("fd00::1", "fd00::2").udp(1000 + n, 53)
+                       : Frame().eth().ipv4("10.0.0.1", "10.0.0.2").tcp(1000 + n, 80),
+                    100);
         if (flush) quelm_flush(t);
     }
+    std::optional<quelm_test::Bench> b;
     quelm_table *t = nullptr;
 };
 

@@ -14,6 +14,7 @@
 
 #include "quelm_wire.h"
 #include "tool_runner.h"
+#include "wire_header.h"
 
 namespace quelm_test {
 namespace {
@@ -215,20 +216,11 @@ TEST_F(Export, BackPressureLosesNothingAndADeadCollectorIsCounted) {
 #endif
 }
 
-std::string header(const char *topic, uint8_t version, uint16_t size, uint32_t counter) {
-    std::string h(wire::kHeaderLen, '\0');
-    std::memcpy(h.data(), topic, std::strlen(topic));
-    h[wire::kVersionAt] = char(version);
-    std::memcpy(h.data() + wire::kSizeAt, &size, 2);
-    const uint32_t c = htonl(counter);
-    std::memcpy(h.data() + wire::kCounterAt, &c, 4);
-    return h;
-}
-
 // The collector writes what it can read, reports what it cannot and what each exporter's counter
 // says went missing, and goes on; a key not allowed gets nothing through. Records and report
 // against collector.json and collector.txt.
 TEST_F(Export, CollectorReadsReportsAndCountsEveryMessage) {
+    const auto header = wire_header;
     // Fixed keys, so that the baselines can name a and b; the forged key is a fresh one.
     const char *a_key = "R[d(.5LCvE@g@dPp)tQ}6pzZiub9TwliD)^/J]d>",
                *b_key = "+zz=d]u?2!}F]O-)gb3NDBnu[pOj}%[jUc7)NIy9";
