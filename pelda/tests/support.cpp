@@ -109,14 +109,6 @@ flow_ptr new_flow() {
         static_cast<pelda_flow *>(calloc(1, pelda_detection_get_sizeof_pelda_flow_struct())));
 }
 
-pelda_protocol feed(pelda_detection_module *m, pelda_flow *f, const std::vector<packet> &pk) {
-    pelda_protocol r{};
-    for (const packet &p : pk)
-        r = pelda_detection_process_packet(m, f, p.ip.data(), uint32_t(p.ip.size()), p.time_ms,
-                                           nullptr);
-    return r;
-}
-
 std::string to_hex(const uint8_t *p, size_t n) {
     std::string s;
     for (size_t i = 0; i < n; ++i)

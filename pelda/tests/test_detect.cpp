@@ -195,8 +195,11 @@ TEST(Flow, NullAndTruncatedInputsAreHarmless) {
                   pelda_detection_giveup(m, nullptr).app_protocol,
               0u);
     bytes good = pt::tcp({"10.0.0.1", 1}, {"10.0.0.2", 2}, 1, 0x18, pt::text("SSH-2.0-x\r\n"));
-    for (size_t cut = 0; cut < 40 + 8; ++cut)  // up to a payload that still reads "SSH-2.0-"
-        EXPECT_EQ(pt::feed(m, pt::new_flow().get(), {{slice(good, 0, cut)}}).app_protocol, 0)
+    for (uint32_t cut = 0; cut < 40 + 8; ++cut)  // up to a payload that still reads "SSH-2.0-"
+        EXPECT_EQ(pelda_detection_process_packet(m, pt::new_flow().get(),
+                                                 slice(good, 0, cut).data(), cut, 0, nullptr)
+                      .app_protocol,
+                  0)
             << cut;
 }
 
