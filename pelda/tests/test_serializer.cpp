@@ -104,14 +104,6 @@ TEST(Serializer, JsonAndTlvOfTheSameCalls) {
         EXPECT_TRUE(expect.empty() || json == expect) << json.substr(0, 200);
         EXPECT_EQ(tlv_as_json(serialize(kTlv, w)), json) << json.substr(0, 200);
     }
-    std::string tlv = serialize(kTlv, [](pelda_serializer *s) {
-        pelda_serialize_uint32_uint32(s, 58, 0);
-        pelda_serialize_string_string(s, "47521.118", "7.91");
-    });
-    EXPECT_EQ(tlv, std::string("\x01\x11\x3a\x00\x23\x09"
-                               "47521.118\x04"
-                               "7.91",
-                               20));
 }
 
 TEST(Serializer, Misuse) {
