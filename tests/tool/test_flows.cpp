@@ -94,7 +94,6 @@ TEST_F(FlowsTool, OutputsEqualTheirBaselines) {
         {"vxlan.json", "flows -r vxlan.pcap --format json"},  // the outer flow only (VNI 42)
         {"cut.json", "flows -r cut.pcap --format json"},  // the flows before the damage; exit 65
         {"vxlan-tunnels.json", "flows -r vxlan.pcap --format json --tunnels"},
-        {"smtp.json", "flows -r smtp.pcap --format json"},
         {"smtp-noguess.json", "flows -r smtp.pcap --format json --no-guess"},
         {"demo.txt", "flows -r SAMPLE"},
         {"demo.json", "flows -r SAMPLE --format json"},  // request details, no answers
