@@ -1,7 +1,5 @@
-// Fuzzes the collector's reading of messages: a header of up to 24 bytes, then the payload. With
-// the first byte odd the header's size is set to the payload's, so that most inputs reach the TLV
-// and JSON decoders. A message is read whole or refused for one reason, and each record read must
-// come out as one line of valid JSON.
+// Fuzzes the collector's reading of messages (header, payload; an odd first byte sets the header's
+// size right): read whole or refused for one reason, each record one line of valid JSON.
 #include <arpa/inet.h>
 
 #include <cstdint>

@@ -1,5 +1,4 @@
-// Fuzzes the protocols and categories file loaders: the input is written to a
-// file and loaded both ways into a fresh module, which must stay usable.
+// Fuzzes the protocols and categories file loaders; the module must stay usable.
 #include <unistd.h>
 
 #include <cstdint>

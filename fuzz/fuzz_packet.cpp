@@ -1,6 +1,5 @@
-// Fuzzes packet processing: the input is a classic pcap file (so captures seed
-// it directly) or a list of packets, each a 2-byte big-endian length and the IP
-// packet. All packets go to one flow, then the flow is given up and guessed.
+// Fuzzes the engine's packet processing: a pcap file or 2-byte-length-prefixed IP packets, all to
+// one flow, which is then given up and guessed.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>

@@ -1,6 +1,5 @@
-// Packets through a whole table: decoding (every encapsulation and tunnel), fragments, flows,
-// detection, expiry and flush. The input is a list of frames, each behind a 2-byte length and a
-// 1-byte time step, so that one input exercises flows over several packets and seconds.
+// Packets through a whole table: a flags byte, then frames behind a 2-byte length and a 1-byte time
+// step.
 #include <stddef.h>
 #include <stdint.h>
 

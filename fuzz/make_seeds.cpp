@@ -1,7 +1,5 @@
-// Writes fuzz seeds made with the tests' packet builder: for fuzz_table an HTTP exchange behind
-// each link layer and UDP tunnel the decoder knows, ICMP and fragments; for fuzz_packet
-// conversations that the engine detects. Usage: make_seeds DIR (writes DIR/table/* and
-// DIR/packet/*)
+// make_seeds DIR: DIR/table/*, an HTTP exchange behind every layer and tunnel the decoder knows,
+// ICMP and fragments; DIR/packet/*, conversations the engine detects.
 #include <filesystem>
 #include <fstream>
 #include <string_view>
@@ -28,8 +26,7 @@ Frame tunnel(uint16_t sport, uint16_t dport, const Bytes &header) {
 }
 enum Ip { kV4, kV6, kV6Options };
 
-// An HTTP exchange over TCP behind the `outer` layers of each direction, with sequence numbers that
-// follow on so that the engine takes it.
+// An HTTP exchange behind the `outer` layers of each direction, its sequence numbers following on.
 std::vector<Bytes> http(Frame (*outer)(bool back), Ip ip = kV4) {
     auto l3 = [outer, ip](bool up) {  // from the client (up) or the server
         Frame f = outer(!up);

@@ -1,6 +1,5 @@
-// Replays inputs through a fuzz target without libFuzzer, so that the normal and the sanitizer
-// builds run every seed as a test: each argument is a file or a directory of files. Fails when no
-// input was found, so that a missing seed directory cannot pass unnoticed.
+// Replays files and folders of inputs through a fuzz target without libFuzzer; fails when there is
+// none, so that a missing seed folder cannot pass unnoticed.
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>

@@ -27,30 +27,14 @@ uint16_t be16(const uint8_t *p) {
     return uint16_t(p[0] << 8 | p[1]);
 }
 
-// Offset of the IP header for a link type, or -1.
+// Offset of the IP header of an Ethernet (VLAN tags skipped) or raw IP capture's packet, or -1.
 int ip_offset(int linktype, const uint8_t *p, uint32_t len) {
-    auto ip = [&](uint32_t type_at) {  // the ethertype there says IPv4 or IPv6
-        return type_at + 2 <= len && (be16(p + type_at) == 0x0800 || be16(p + type_at) == 0x86DD);
-    };
+    if (linktype == DLT_RAW) return 0;
     uint32_t off = 12;
-    switch (linktype) {
-        case DLT_EN10MB:
-            while (off + 2 <= len && (be16(p + off) == 0x8100 || be16(p + off) == 0x88A8))
-                off += 4;
-            return ip(off) ? int(off + 2) : -1;
-        case DLT_RAW:
-        case DLT_IPV4:
-        case DLT_IPV6:
-            return 0;
-        case DLT_NULL:
-        case DLT_LOOP:
-            return len >= 4 ? 4 : -1;
-        case DLT_LINUX_SLL:
-            return ip(14) ? 16 : -1;
-        case DLT_PPP:
-            return len >= 4 && (be16(p + 2) == 0x0021 || be16(p + 2) == 0x0057) ? 4 : -1;
-    }
-    return -1;
+    while (off + 2 <= len && (be16(p + off) == 0x8100 || be16(p + off) == 0x88A8))
+        off += 4;
+    const bool ip = off + 2 <= len && (be16(p + off) == 0x0800 || be16(p + off) == 0x86DD);
+    return linktype == DLT_EN10MB && ip ? int(off + 2) : -1;
 }
 
 // The packet's bidirectional TCP or UDP flow (IP protocol, sorted addresses and ports), or ""
@@ -123,14 +107,6 @@ owned_module::owned_module(bool guess) {
 flow_ptr new_flow() {
     return flow_ptr(
         static_cast<pelda_flow *>(calloc(1, pelda_detection_get_sizeof_pelda_flow_struct())));
-}
-
-pelda_protocol feed(pelda_detection_module *m, pelda_flow *f, const std::vector<packet> &pk) {
-    pelda_protocol r{};
-    for (const packet &p : pk)
-        r = pelda_detection_process_packet(m, f, p.ip.data(), uint32_t(p.ip.size()), p.time_ms,
-                                           nullptr);
-    return r;
 }
 
 std::string to_hex(const uint8_t *p, size_t n) {

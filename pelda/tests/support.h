@@ -1,5 +1,4 @@
-// Test support: captures, packets built with the project's packet builder, and a driver
-// that feeds flows to the engine the way the flow table does.
+// Captures, built packets, and a driver that feeds flows to the engine as the flow table does.
 #pragma once
 
 #include <cstdint>
@@ -59,8 +58,6 @@ struct flow_deleter {
 };
 using flow_ptr = std::unique_ptr<pelda_flow, flow_deleter>;
 flow_ptr new_flow();
-// Every packet to one flow; the last result.
-pelda_protocol feed(pelda_detection_module *m, pelda_flow *f, const std::vector<packet> &pk);
 // "NAME sn=... url=... hc=200 dq=28 dr=3 sha1=...": the name and those of the fields callers
 // read at fixed offsets of the flow object that are set; "buffers kept" when a done flow still
 // holds reassembly buffers.

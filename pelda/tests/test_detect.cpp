@@ -1,6 +1,4 @@
-// Detection driven by packet bytes: a table with one row per protocol case (packets in,
-// protocol and the metadata callers read out, captures also re-cut into small segments), the
-// shared corpus, direction and truncated packets.
+// Detection driven by packet bytes: one row per protocol case, and truncated packets.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -40,6 +38,8 @@ DNS sn=www.tcpdump.org dq=1 dr=0 | corpus dns_udp.pcap
 QUIC sn=clientservices.googleapis.com | corpus gquic.pcap
 RADIUS | corpus RADIUS.pcap
 IKE | corpus isakmp4500.pcap
+TFTP | corpus tftp.pcap
+SSDP | corpus eapon1.pcap
 HTTP sn=proxy.example url=http://proxy.example:3128/a/b | tcp 40001 | C'GET http://proxy.example:3128/a/b HTTP/1.1\r\nUser-Agent: x\r\n\r\n'
 HTTP sn=secure.example url=http://secure.example:443 | tcp 40001 | C'CONNECT secure.example:443 HTTP/1.1\r\n\r\n'
 HTTP sn=2001:db8::1 url=http://2001:db8::1/form | tcp 40001 | C'POST /form HTTP/1.0\r\nhost:  [2001:db8::1]:8080 \r\n\r\n'
@@ -161,6 +161,7 @@ std::vector<pt::packet> packets_of(const std::string &head, const std::string &m
 }
 
 TEST(Detect, CaseTable) {
+    const bool have_corpus = std::filesystem::is_directory(PELDA_CORPUS_DIR "/tcpdump");
     std::istringstream lines(kCases);
     int rows = 0;
     for (std::string line; std::getline(lines, line); rows += !line.empty()) {
@@ -168,8 +169,9 @@ TEST(Detect, CaseTable) {
         if (line.empty()) continue;
         std::string expect = line.substr(0, bar1), head = line.substr(bar1 + 3, bar2 - bar1 - 3);
         bool guess = true, corpus = head.rfind("corpus", 0) == 0;
+        const bool skipped = corpus && !have_corpus;  // not when a capture of it reads empty
         auto pk = packets_of(head, bar2 < line.size() ? line.substr(bar2 + 3) : "", &guess);
-        EXPECT_TRUE(!pk.empty() || corpus) << line;
+        EXPECT_TRUE(!pk.empty() || skipped) << line;
         pt::owned_module m(guess);
         std::string got;
         bool extra = head.find("noextra") == std::string::npos,
@@ -180,35 +182,9 @@ TEST(Detect, CaseTable) {
             if (!corpus) got += (got.empty() ? "" : " / ") + f.summary;
             if (!corpus && expect.find(" @") != std::string::npos) got += decided;
         }
-        EXPECT_TRUE(got == expect || (corpus && pk.empty())) << line << "\n  got: " << got;
+        EXPECT_TRUE(got == expect || skipped) << line << "\n  got: " << got;
     }
-    EXPECT_EQ(rows, 67);
-}
-
-// Every capture of the shared corpus runs clean in both modes (many are malformed on purpose).
-TEST(Detect, EveryCorpusCaptureRunsClean) {
-    std::error_code ec;
-    std::filesystem::directory_iterator dir(PELDA_CORPUS_DIR "/tcpdump", ec);
-    if (ec) GTEST_SKIP() << "no corpus in " PELDA_CORPUS_DIR;
-    pt::owned_module m;
-    uint32_t n = pelda_get_num_protocols(m);
-    size_t captures = 0, flows = 0;
-    for (const auto &e : dir) {
-        bool guess = true;
-        auto pk = packets_of("corpus " + e.path().filename().string(), "", &guess);
-        ++captures;
-        for (bool extra : {false, true}) {
-            for (const auto &f : pt::drive(m, pk, extra)) {
-                ++flows;
-                EXPECT_LT(f.result.master_protocol, n) << e.path();
-                EXPECT_LT(f.result.app_protocol, n) << e.path();
-                EXPECT_LT(f.result.category, uint32_t(PELDA_NUM_CATEGORIES)) << e.path();
-                EXPECT_LT(f.summary.size(), 1024u) << e.path();  // names of 255 bytes at most
-            }
-        }
-    }
-    EXPECT_GT(captures, 100u);
-    EXPECT_GT(flows, 1000u);
+    EXPECT_EQ(rows, 69);
 }
 
 TEST(Flow, NullAndTruncatedInputsAreHarmless) {
@@ -219,8 +195,11 @@ TEST(Flow, NullAndTruncatedInputsAreHarmless) {
                   pelda_detection_giveup(m, nullptr).app_protocol,
               0u);
     bytes good = pt::tcp({"10.0.0.1", 1}, {"10.0.0.2", 2}, 1, 0x18, pt::text("SSH-2.0-x\r\n"));
-    for (size_t cut = 0; cut < 40 + 8; ++cut)  // up to a payload that still reads "SSH-2.0-"
-        EXPECT_EQ(pt::feed(m, pt::new_flow().get(), {{slice(good, 0, cut)}}).app_protocol, 0)
+    for (uint32_t cut = 0; cut < 40 + 8; ++cut)  // up to a payload that still reads "SSH-2.0-"
+        EXPECT_EQ(pelda_detection_process_packet(m, pt::new_flow().get(),
+                                                 slice(good, 0, cut).data(), cut, 0, nullptr)
+                      .app_protocol,
+                  0)
             << cut;
 }
 

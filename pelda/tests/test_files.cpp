@@ -1,5 +1,4 @@
-// Custom protocols and categories files: good files change detection and the network
-// match; a bad line is refused with file and line, leaving the module as it was.
+// Custom protocols and categories files, good and bad.
 #include <gtest/gtest.h>
 #include <unistd.h>
 

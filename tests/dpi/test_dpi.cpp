@@ -1,21 +1,19 @@
-// Detection, rules and rules files in a table, against the scripted engine so that every engine
-// answer is exact.
+// Detection, rules and rules files in a table, against the scripted engine.
 #include <gtest/gtest.h>
 
 #include <cstdio>
 #include <fstream>
-#include <memory>
+#include <optional>
 
-#include "packet_builder.h"
 #include "pelda_stub.h"
-#include "quelm_flow.h"
 #include "quelm_hash.h"
-#include "quelm_table.h"
+#include "test_table.h"
 
 namespace {
 
 using pelda_stub::result;
 using pelda_stub::script;
+using quelm_test::Bench;
 using quelm_test::Frame;
 using Ints = std::vector<int>;
 
@@ -28,26 +26,27 @@ const std::map<uint16_t, std::string> kNames = {
 enum Kind { kTcp, kUdp, kUdp6, kIcmp };
 
 // Packet `n` (from 1) of a flow from port 40000 to 80; even packets go the other way.
-std::vector<uint8_t> packet(Kind kind, int n = 1) {
+Frame packet(Kind kind, int n = 1) {
     const bool back = n % 2 == 0;
     const char *src = back ? "10.0.0.2" : "10.0.0.1", *dst = back ? "10.0.0.1" : "10.0.0.2";
     const uint16_t sport = back ? 80 : 40000, dport = back ? 40000 : 80;
-    if (kind == kUdp6) return Frame().eth().ipv6("fd00::1", "fd00::2").udp(40000, 80).build();
-    if (kind == kIcmp) return Frame().eth().ipv4(src, dst).icmp(8, 0).build();
-    if (kind == kUdp) return Frame().eth().ipv4(src, dst).udp(sport, dport).payload(10).build();
-    return Frame().eth().ipv4(src, dst).tcp(sport, dport).payload(20).build();
+    if (kind == kUdp6) return Frame().eth().ipv6("fd00::1", "fd00::2").udp(40000, 80);
+    if (kind == kIcmp) return Frame().eth().ipv4(src, dst).icmp(8, 0);
+    if (kind == kUdp) return Frame().eth().ipv4(src, dst).udp(sport, dport).payload(10);
+    return Frame().eth().ipv4(src, dst).tcp(sport, dport).payload(20);
 }
 
 class Dpi : public ::testing::Test {
   protected:
     void SetUp() override { fresh(QUELM_FLAG_DPI); }
-    void TearDown() override { clear(), std::remove(path.c_str()); }
+    void TearDown() override { std::remove(path.c_str()); }
     // A new table and engine script; the flows of the previous table are released.
     void fresh(uint32_t flags) {
-        clear();
+        b.reset();
         pelda_stub::reset(kNames);
-        t = quelm_create_table(flags, 1024, 30, 120, 0);
+        t = b.emplace(flags).t;
         ASSERT_NE(t, nullptr);
+        events.clear(), sent = 0;
         quelm_set_l7_detected_callback(
             t,
             [](const uint8_t *pkt, const quelm_packet_info *, quelm_flow *, void *u) {
@@ -55,27 +54,12 @@ class Dpi : public ::testing::Test {
                 self->events.push_back(pkt != nullptr ? self->sent : -1);
             },
             this);
-        quelm_set_flow_export_callback(
-            t,
-            [](quelm_flow *f, void *u) {
-                static_cast<Dpi *>(u)->exported.emplace_back(f, quelm_flow_free);
-            },
-            this);
     }
-    void clear() {
-        if (t != nullptr) quelm_destroy_table(t);
-        t = nullptr;
-        exported.clear(), events.clear(), sent = 0;
-    }
-    quelm_action send(const std::vector<uint8_t> &frame, int64_t sec = 100) {
-        const quelm_packet_header h{{sec, 0}, uint32_t(frame.size()), uint32_t(frame.size())};
-        const quelm_packet_ext ext{};
-        return sent++, quelm_process(t, frame.data(), &h, &ext);
-    }
+    quelm_action send(const Frame &frame) { return sent++, b->send(frame, 100); }
     quelm_flow *only_flow() {
         quelm_flush(t);
-        EXPECT_EQ(exported.size(), 1u);
-        return exported.empty() ? nullptr : exported.back().get();
+        EXPECT_EQ(b->exported.size(), 1u);
+        return b->exported.empty() ? nullptr : b->exported.back();
     }
     // Verdicts of a TCP flow whose detection names `master.app` of category `cat` on packet `on`,
     // one letter per packet: '0' default, 'F' forward, 'D' discard, '1' and '2' the user actions.
@@ -92,19 +76,14 @@ class Dpi : public ::testing::Test {
         return path.c_str();
     }
 
+    std::optional<Bench> b;
     quelm_table *t = nullptr;
     int sent = 0;
     std::vector<int> events;  // packet number of each L7-detected callback, -1 at export
-    std::vector<std::unique_ptr<quelm_flow, decltype(&quelm_flow_free)>> exported;
     std::string path = testing::TempDir() + "quelm_rules." + std::to_string(getpid()) + ".conf";
 };
 
-using Binding = Dpi;
-using Detection = Dpi;
-using Rules = Dpi;
-using Config = Dpi;
-
-TEST_F(Binding, WrongApiRevisionRefusesTheEngine) {
+TEST_F(Dpi, WrongApiRevisionRefusesTheEngine) {
     script.api_version = 0x10000 | 14000;
     testing::internal::CaptureStderr();
     EXPECT_EQ(quelm_create_table(QUELM_FLAG_DPI, 64, 0, 0, 0), nullptr);
@@ -113,7 +92,7 @@ TEST_F(Binding, WrongApiRevisionRefusesTheEngine) {
 }
 
 // A handle lent to a table stays the lender's: the table releases only the one it made itself.
-TEST_F(Binding, LentHandleIsNeverReleasedByTheTable) {
+TEST_F(Dpi, LentHandleIsNeverReleasedByTheTable) {
     void *lent = quelm_dpi_alloc(1);
     for (uint32_t flags : {uint32_t{QUELM_FLAG_DPI}, 0u}) {
         quelm_table *t = quelm_create_table(flags, 64, 0, 0, 0);
@@ -126,7 +105,7 @@ TEST_F(Binding, LentHandleIsNeverReleasedByTheTable) {
     quelm_dpi_free(lent);
 }
 
-TEST_F(Detection, PacketLimitsGiveUpExtraDissectionAndGuesses) {
+TEST_F(Dpi, PacketLimitsGiveUpExtraDissectionAndGuesses) {
     // clang-format off
     const struct {
         const char *what; uint32_t flags; Kind kind;  // flags besides QUELM_FLAG_DPI
@@ -172,11 +151,11 @@ TEST_F(Detection, PacketLimitsGiveUpExtraDissectionAndGuesses) {
         EXPECT_EQ(Ints({p.master_protocol, p.app_protocol, p.category, int(f->value.flags),
                         int(f->dpi_done)}),
                   Ints({c.master, c.app, c.category, c.flags_after, c.dpi_done}));
-        EXPECT_EQ(script.first_length, c.processed != 0 ? packet(c.kind).size() - 14 : 0);
+        EXPECT_EQ(script.first_length, c.processed != 0 ? packet(c.kind).build().size() - 14 : 0);
     }
 }
 
-// A flow's protocol details as text.
+// A flow's HTTP or TLS details as text.
 std::string details(const quelm_flow *f) {
     const quelm_flow_l7_metadata &md = f->value.l7_metadata;
     auto s = [](const char *p) { return std::string(p != nullptr ? p : "-"); };
@@ -185,49 +164,44 @@ std::string details(const quelm_flow *f) {
     if (f->value.l7_protocol.master_protocol == kHttp)
         return s(md.http.server_name) + " " + s(md.http.url) + " " +
                std::to_string(md.http.response_code);
-    if (f->value.l7_protocol.master_protocol == kDns)
-        return s(md.dns.query) + " " + std::to_string(md.dns.query_type) + " " +
-               std::to_string(md.dns.reply_code);
     if (fp != nullptr) snprintf(cert, sizeof cert, "%02x..%02x", fp[0], fp[19]);
     return s(md.tls.server_name) + " " + cert;
 }
 
-TEST_F(Detection, ProtocolDetailsAreCopiedFromTheEngine) {
+TEST_F(Dpi, ProtocolDetailsAreCopiedFromTheEngine) {
     std::vector<uint8_t> fp(20, 0xAB), late(20, 0xAB);
     late[0] = late[1] = late[2] = 0;  // the engine sets a fingerprint from its first bytes on
     const auto http = result(0, kHttp), tls = result(kTls, 0);
     // clang-format off
-    const struct { uint32_t flags; Kind kind; pelda_stub::Answer answer; const char *want; } cases[] = {
-        {0, kTcp, {.result = http, .server_name = "a.test\tjunk", .url = "http://a.test/x.html?y=1", .http_response_code = 404}, "a.test /x.html?y=1 404"},
-        {0, kTcp, {.result = http, .server_name = "a.test", .url = "http://a.test"}, "a.test / 0"},
-        {0, kTcp, {.result = http, .url = "http://"}, "- / 0"},
-        {0, kTcp, {.result = http, .url = "http://h/a\r\nHost: evil"}, "- /a 0"},
-        {kExtra, kTcp, {.result = result(kHttp, kHttp), .server_name = "pending.test"}, "pending.test - 0"},
-        {0, kTcp, {.result = tls, .server_name = "s.test", .cert_sha1 = fp}, "s.test ab..ab"},
-        {0, kTcp, {.result = tls, .server_name = "s.test", .cert_sha1 = late}, "s.test -"},
-        {0, kUdp, {.result = result(kDns, 0), .server_name = "nosuch.test", .dns_query_type = 28, .dns_reply_code = 3}, "nosuch.test 28 3"},
+    const struct { uint32_t flags; pelda_stub::Answer answer; const char *want; } cases[] = {
+        {0, {.result = http, .server_name = "a.test\tjunk", .url = "http://a.test/x.html?y=1", .http_response_code = 404}, "a.test /x.html?y=1 404"},
+        {0, {.result = http, .server_name = "a.test", .url = "http://a.test"}, "a.test / 0"},
+        {0, {.result = http, .url = "http://"}, "- / 0"},
+        {0, {.result = http, .url = "http://h/a\r\nHost: evil"}, "- /a 0"},
+        {kExtra, {.result = result(kHttp, kHttp), .server_name = "pending.test"}, "pending.test - 0"},
+        {0, {.result = tls, .server_name = "s.test", .cert_sha1 = fp}, "s.test ab..ab"},
+        {0, {.result = tls, .server_name = "s.test", .cert_sha1 = late}, "s.test -"},
     };
     // clang-format on
     for (const auto &c : cases) {
         fresh(QUELM_FLAG_DPI | c.flags);
         script.answers.push_back(c.answer);
-        send(packet(c.kind));
+        send(packet(kTcp));
         quelm_flow *f = only_flow();
         ASSERT_NE(f, nullptr);
         EXPECT_EQ(details(f), c.want);
     }
 }
 
-// A rule as the table's setters take it. Kinds: filter of a 'p'rotocol, a 'c'ategory or 'a'll
-// protocols; 's'hunt of a protocol, 't'CP or 'g'eneral shunt; 'd'efault action; TCP detection
-// 'l'imit.
+// A rule: filter of a 'p'rotocol, 'c'ategory or 'a'll; 's'hunt of a protocol, 't'CP or 'g'eneral;
+// 'd'efault action; TCP detection 'l'imit.
 struct Rule {
     char kind;
     const char *name;
     int value;
 };
 
-TEST_F(Rules, VerdictsOfFiltersAndShunts) {
+TEST_F(Dpi, VerdictsOfFiltersAndShunts) {
     const std::vector<Rule> order = {
         {'p', "TLS.Chat", 3}, {'p', "Video", 4}, {'p', "TLS", 1}, {'c', "Cat9", 2}};
     const std::vector<Rule> all = {{'a', "", 2}, {'p', "Video", 1}};
@@ -269,7 +243,7 @@ TEST_F(Rules, VerdictsOfFiltersAndShunts) {
     }
 }
 
-TEST_F(Config, FileSetsTableRulesAndGlobalSettings) {
+TEST_F(Dpi, FileSetsTableRulesAndGlobalSettings) {
     static std::string seen;  // what the iterator reads, as "[section]key=value;"
     ASSERT_EQ(utils_configuration_file_iterator(
                   file("before = section\nx\n  ; comment\n# comment\n[Shunt]\n  tcp = 300  \n"

@@ -1,6 +1,4 @@
-// A scripted libzmq for export tests: built as a library named libzmq.so, so that the library's
-// run-time load finds it, and linked into the test so the test can script it and read what was
-// sent.
+// A scripted libzmq (built as libzmq.so, which the library's run-time load finds) for export tests.
 #pragma once
 
 #include <cstdint>
@@ -19,10 +17,7 @@ struct State {
     std::vector<Message> messages;  // sent
     int contexts = 0, sockets = 0, closed = 0, destroyed = 0;
     // Subscriptions each new socket reports ("\x01flow": a collector listens to flow records).
-    std::vector<std::string> subscriptions = {std::string("\x01"
-                                                          "flow"),
-                                              std::string("\x01"
-                                                          "event")};
+    std::vector<std::string> subscriptions = {"\1flow", "\1event"};
     size_t subscriptions_read = 0;
     int refuse_sends = 0;  // sends refused with EAGAIN (a collector's queue is full), -1 always
 };

@@ -1,18 +1,16 @@
-// Export against a scripted libzmq and the real engine's serializer: the message header, the flow
-// records, the queue and its batches, failures, and the statistics record.
-#include <arpa/inet.h>
+// Export against a scripted libzmq and the real engine's serializer.
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <regex>
 #include <string>
 #include <vector>
 
 #include "fake_zmq.h"
-#include "packet_builder.h"
 #include "quelm_export.h"
-#include "quelm_flow.h"
-#include "quelm_table.h"
-#include "quelm_wire.h"
+#include "test_table.h"
+#include "tlv_copy.h"
+#include "wire_header.h"
 
 namespace {
 
@@ -22,46 +20,28 @@ using quelm_test::Frame;
 
 constexpr const char *kKey = "rq:rM>}U?@Lns47E1%kR.o@n%FcmmsL/@{H8]yf7";  // 40 Z85 characters
 
-// Records of message `i` as "key=value " text in the order written, after checking its header
-// against its payload and its place.
+// Records of message `i` as "key=value " text, its header checked against payload and place.
 std::vector<std::string> records(size_t i, uint8_t version = wire::kVersionTlv,
                                  const char *topic = wire::kTopicFlow) {
     const fake_zmq::Message &m = state().messages.at(i);
-    std::vector<uint8_t> header(wire::kHeaderLen);
-    memcpy(header.data(), topic, strlen(topic));
-    header[wire::kVersionAt] = version;
-    const uint16_t size = uint16_t(m.payload.size());  // host order
-    memcpy(&header[wire::kSizeAt], &size, sizeof size);
-    const uint32_t counter = htonl(uint32_t(i));  // big-endian, one per message sent
-    memcpy(&header[wire::kCounterAt], &counter, sizeof counter);
-    EXPECT_EQ(m.header, header);
-    std::vector<std::string> out;
-    if (version == wire::kVersionJson) {  // flat objects, maybe in an array
-        const std::string text(m.payload.begin(), m.payload.end());
-        static const std::regex element(R"re(\{|"([^"]*)":"?([^",}]*))re");
-        for (std::sregex_iterator it(text.begin(), text.end(), element), end; it != end; ++it)
-            if ((*it)[1].matched)
-                out.back() += (*it)[1].str() + "=" + (*it)[2].str() + " ";
-            else
-                out.emplace_back();
-        return out;
+    EXPECT_EQ(std::string(m.header.begin(), m.header.end()),
+              quelm_test::wire_header(topic, version, uint16_t(m.payload.size()), uint32_t(i)));
+    std::string text(m.payload.begin(), m.payload.end());
+    if (version == wire::kVersionTlv) {  // as JSON, by the engine's serializer
+        pelda_serializer s;
+        pelda_init_serializer(&s, PELDA_SERIALIZATION_FORMAT_JSON);
+        EXPECT_TRUE(pt::tlv_copy(text.data(), text.size(), &s)) << "the batch decodes to its end";
+        uint32_t len = 0;
+        text = pelda_serializer_get_buffer(&s, &len);
+        pelda_term_serializer(&s);
     }
-    pelda_tlv_reader r;
-    pelda_tlv_element e;
-    EXPECT_EQ(pelda_tlv_reader_init(&r, m.payload.data(), uint32_t(m.payload.size())), 0);
-    int rc;
-    for (out.emplace_back(); (rc = pelda_tlv_reader_next(&r, &e)) == 1;)
-        if (e.kind == PELDA_TLV_END_OF_RECORD)
-            out.emplace_back();
+    std::vector<std::string> out;  // of flat objects, maybe in an array
+    static const std::regex element(R"re(\{|"([^"]*)":"?([^",}]*))re");
+    for (std::sregex_iterator it(text.begin(), text.end(), element), end; it != end; ++it)
+        if ((*it)[1].matched)
+            out.back() += (*it)[1].str() + "=" + (*it)[2].str() + " ";
         else
-            out.back() +=
-                (e.key_kind == PELDA_TLV_KEY_NUMBER ? std::to_string(e.key_number)
-                                                    : std::string(e.key_text, e.key_text_len)) +
-                "=" +
-                (e.kind == PELDA_TLV_STRING ? std::string(e.string, e.string_len)
-                                            : std::to_string(e.number)) +
-                " ";
-    EXPECT_EQ(rc, 0) << "the batch decodes to its end";
+            out.emplace_back();
     return out;
 }
 
@@ -69,27 +49,24 @@ class Export : public ::testing::Test {
   protected:
     void SetUp() override {
         state() = {};
-        t = quelm_create_table(0, 1024, 30, 120, 0);
+        t = b.emplace().t;
         ASSERT_NE(t, nullptr);
         quelm_set_flow_export_callback(t, quelm_zmq_export_flow, t);
     }
-    void TearDown() override { quelm_destroy_table(t); }
+    void TearDown() override { b.reset(); }
     void start(bool json = false) {
         quelm_zmq_export_configure(t, "tcp://127.0.0.1:5556", kKey, 1, 0, json);
         ASSERT_TRUE(t->exporter.initialized);
     }
     // Flows `first` to `last` - 1, one packet each from source port 1000 + n, ended by a flush.
-    void flows(uint16_t first, uint16_t last, bool v6 = false) {
-        for (uint16_t n = first; n < last; n++) {
-            const auto f =
-                v6 ? Frame().eth().ipv6("fd00::1", "fd00::2").udp(1000 + n, 53).build()
-                   : Frame().eth().ipv4("10.0.0.1", "10.0.0.2").tcp(1000 + n, 80).build();
-            const quelm_packet_header h{{100, 0}, uint32_t(f.size()), uint32_t(f.size())};
-            const quelm_packet_ext ext{};
-            quelm_process(t, f.data(), &h, &ext);
-        }
-        quelm_flush(t);
+    void flows(uint16_t first, uint16_t last, bool v6 = false, bool flush = true) {
+        for (uint16_t n = first; n < last; n++)
+            b->send(v6 ? Frame().eth().ipv6("fd00::1", "fd00::2").udp(1000 + n, 53)
+                       : Frame().eth().ipv4("10.0.0.1", "10.0.0.2").tcp(1000 + n, 80),
+                    100);
+        if (flush) quelm_flush(t);
     }
+    std::optional<quelm_test::Bench> b;
     quelm_table *t = nullptr;
 };
 
@@ -198,8 +175,8 @@ TEST_F(Export, StatisticsRecordEveryThreeSeconds) {
 
 }  // namespace
 
-// The packet path never waits: what the collectors refuse stays queued. Forced drains wait up to
-// the timeout, then count the rest as dropped without waiting again.
+// The packet path never waits: what collectors refuse stays queued; a forced drain waits up to the
+// timeout once, then counts the rest as dropped.
 TEST_F(Export, RefusedSendsKeepFlowsUntilAForcedDrainGivesUp) {
     // clang-format off
     const struct { int refusals; bool subscribed; uint32_t exported, dropped; } cases[] = {
@@ -209,26 +186,18 @@ TEST_F(Export, RefusedSendsKeepFlowsUntilAForcedDrainGivesUp) {
     };
     // clang-format on
     for (const auto &c : cases) {
-        state() = {};
+        TearDown(), SetUp();
         if (!c.subscribed) state().subscriptions.clear();
         start();
         quelm_zmq_set_timeout(t, 50);
         state().refuse_sends = c.refusals;
-        for (uint16_t n = 0; n < 40; n++) {  // ended by idle time in the packet path
-            const auto f = Frame().eth().ipv4("10.0.0.1", "10.0.0.2").tcp(1000 + n, 80).build();
-            const quelm_packet_header h{{100, 0}, uint32_t(f.size()), uint32_t(f.size())};
-            const quelm_packet_ext ext{};
-            quelm_process(t, f.data(), &h, &ext);
-        }
-        quelm_housekeeping(t, 200);
+        flows(0, 40, false, false);
+        quelm_housekeeping(t, 200);  // ended by idle time in the packet path
         EXPECT_EQ(t->exporter.num_flow_drops, 0u) << "the packet path drops nothing";
         const uint64_t before = utils_time_msec();
         quelm_zmq_export_drain(t);
         EXPECT_LT(utils_time_msec() - before, 1000u) << "one timeout, not one per batch";
         EXPECT_EQ(t->exporter.num_flow_exports, c.exported);
         EXPECT_EQ(t->exporter.num_flow_drops, c.dropped);
-        quelm_destroy_table(t);
-        t = quelm_create_table(0, 1024, 30, 120, 0);
-        quelm_set_flow_export_callback(t, quelm_zmq_export_flow, t);
     }
 }

@@ -1,6 +1,5 @@
-// The one packet builder of the tests, the engine's tests, the fuzz seeds and the benchmarks'
-// traffic. Layers are appended outside-in, each patching the type or protocol field of the one
-// before it; build() fills in the IP and UDP lengths, so a caller names only what it cares about.
+// The packet builder of all tests, fuzz seeds and benchmarks: layers outside-in, each setting the
+// type field before it; build() fills in the lengths.
 #pragma once
 
 #include <arpa/inet.h>
@@ -127,8 +126,7 @@ class Frame {
     Frame &payload(size_t n, uint8_t fill = 0x61) { return payload(std::vector<uint8_t>(n, fill)); }
     Frame &payload(std::string_view text) { return put(text.begin(), text.end()); }
     Frame &payload(const std::vector<uint8_t> &data) { return put(data.begin(), data.end()); }
-    // The finished frame: IPv4 total lengths, IPv6 payload lengths and UDP lengths cover
-    // everything behind their header.
+    // The finished frame, IP and UDP lengths covering everything behind their header.
     std::vector<uint8_t> build() const {
         std::vector<uint8_t> out = b_;
         for (const IpLayer &ip : ip_) {

@@ -34,8 +34,6 @@ pelda_protocol answer(pelda_flow *flow, const pelda_stub::Answer &a) {
     put_text(368, a.server_name);
     put_text(656, a.url);
     memcpy(obj + 654, &a.http_response_code, 2);
-    memcpy(obj + 930, &a.dns_reply_code, 1);
-    memcpy(obj + 936, &a.dns_query_type, 2);
     memcpy(obj + 30, &a.giveup_app, 2);
     if (a.cert_sha1.size() == 20) memcpy(obj + 1156, a.cert_sha1.data(), 20);
     return a.result;

@@ -1,6 +1,4 @@
-// A scripted detection engine: it defines those of the engine functions the library references
-// weakly that the tests reach, so a test linked with it (instead of the engine) controls every
-// detection result and name.
+// A scripted detection engine in place of the real one: the tests set every result and name.
 #pragma once
 
 #include <deque>
@@ -19,8 +17,7 @@ namespace pelda_stub {
 struct Answer {
     pelda_protocol result{};
     std::string server_name, url;
-    uint16_t http_response_code = 0, dns_query_type = 0;
-    uint8_t dns_reply_code = 0;
+    uint16_t http_response_code = 0;
     std::vector<uint8_t> cert_sha1;  // 20 bytes, or empty
     uint16_t giveup_app = 0;         // read when a give-up names only a master
 };

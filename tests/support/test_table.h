@@ -1,5 +1,5 @@
-// A table fed with built frames, recording what its callbacks see; and packets decoded by the
-// library's own decoder for the tests that drive the table's flow hash by hand.
+// A table fed with built frames, recording what its callbacks see, and its flow hash driven by
+// hand.
 #pragma once
 
 #include <deque>
@@ -60,8 +60,8 @@ struct Bench {
         return s.str();
     }
 
-    // By hand: a packet decoded as the table would; a flow of one packet inserted into its hash
-    // (null when full); a lookup, with the direction in `dir` (2 when there is no flow).
+    // By hand: a decoded packet; a flow of it in the hash (null when full); a lookup (`dir` 2:
+    // none).
     quelm_packet_info *packet(const Frame &frame, int64_t sec, uint32_t ext_hash = 0) {
         Packet &p = packets.emplace_back(Packet{frame.build(), {}, {ext_hash, 0, 0}, {}});
         p.header = {{sec, 0}, uint32_t(p.bytes.size()), uint32_t(p.bytes.size())};

@@ -1,5 +1,4 @@
-// Export end to end with real libzmq, `quelm flows --zmq` into `quelm collect`, and the faults a
-// deployment meets. Sockets bind ports the system picks or socket files of the test's folder;
+// `quelm flows --zmq` into `quelm collect` over real libzmq, and the faults a deployment meets;
 // the tests wait for readiness lines and output, never for time.
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
@@ -16,6 +15,7 @@
 #include "packet_builder.h"
 #include "quelm_wire.h"
 #include "tool_runner.h"
+#include "wire_header.h"
 
 namespace quelm_test {
 namespace {
@@ -52,9 +52,9 @@ class Collector {
     }
     std::string output() const { return tool_.read("out"); }
     pid_t pid() const { return pid_; }
-    size_t lines() const {  // whole lines written
+    uint64_t lines() const {  // whole lines written
         const std::string out = output();
-        return size_t(std::count(out.begin(), out.end(), '\n'));
+        return uint64_t(std::count(out.begin(), out.end(), '\n'));
     }
     bool wait_for(const std::string &text) const { return tool_.wait_for("stderr", text); }
     ToolResult stop() {  // SIGINT, as a user would; the summary is on standard error
@@ -70,13 +70,8 @@ class Collector {
     pid_t pid_ = -1;
 };
 
-uint64_t lines(const std::string &text) {
-    return uint64_t(std::count(text.begin(), text.end(), '\n'));
-}
-
-// Flows by addresses, ports and counters, "10.99.0.2 4000 10.99.0.53 53 1 79 1 95", of the tool's
-// records or of the collector's flow records. ICMP flows carry type << 8 | code as destination
-// port, as the exported key does.
+// Flows as "10.99.0.2 4000 10.99.0.53 53 1 79 1 95" (addresses, ports, counters) of the tool's or
+// the collector's records; ICMP's destination port is type << 8 | code, as in the exported key.
 std::multiset<std::string> flows_of(const std::vector<Json> &records, bool collector) {
     std::multiset<std::string> flows;
     for (Json r : records) {
@@ -101,19 +96,19 @@ std::multiset<std::string> flows_of(const std::vector<Json> &records, bool colle
 class Export : public ::testing::Test {
   protected:
     void SetUp() override { ASSERT_EQ(tool.run({"keygen", "-o", "k"}).exit_code, 0); }
-    // `quelm flows` over the sample, exporting to `endpoint` for the holder of k.key.
-    pid_t send(const std::string &endpoint, const std::string &options) const {
+    // `quelm flows` over a capture, exporting to `endpoint` for the holder of k.key.
+    pid_t send(const std::string &endpoint, const std::string &options,
+               const std::string &capture = kSample) const {
         return tool.spawn(
-            tool.words("QUELM flows -r SAMPLE --zmq END --zmq-server-key @k.pub " + options,
-                       {{"QUELM", QUELM_TOOL_PATH}, {"SAMPLE", kSample}, {"END", endpoint}}));
+            tool.words("QUELM flows -r IN --zmq END --zmq-server-key @k.pub " + options,
+                       {{"QUELM", QUELM_TOOL_PATH}, {"IN", capture}, {"END", endpoint}}));
     }
     ToolRunner tool;
     const std::string key = tool.path("k");
 };
 
-// Both ways of connecting, both formats: the collector gets every flow the table wrote, with the
-// same counters, and one statistics record. An exporter that connects waits for its collector: one
-// that starts after it loses nothing.
+// Both ways of connecting, both formats: the collector gets every flow written and one statistics
+// record; an exporter that connects waits for a collector that starts after it.
 TEST_F(Export, CollectorRecordsEqualTheWrittenFlows) {
     int run = 0;
     for (const std::string mode :
@@ -152,9 +147,8 @@ TEST_F(Export, CollectorRecordsEqualTheWrittenFlows) {
     }
 }
 
-// Nobody to take the flows, or a collector without the secret of the exporter's key: the flows are
-// counted as dropped after the timeout and the run fails as unavailable. An exporter that should
-// bind the collector's endpoint finds it busy and stops before reading.
+// Nobody to take the flows, or a collector with the wrong secret: flows are counted as dropped and
+// the run fails as unavailable. An exporter binding the collector's endpoint finds it busy.
 TEST_F(Export, UndeliveredFlowsAreCountedAndBusyEndpointIsRefused) {
     ASSERT_EQ(tool.run({"keygen", "-o", "wrong"}).exit_code, 0);
     Collector collector("--bind", "tcp://127.0.0.1:*", tool.path("wrong"));
@@ -169,9 +163,8 @@ TEST_F(Export, UndeliveredFlowsAreCountedAndBusyEndpointIsRefused) {
     EXPECT_THAT(collector.stop().err, HasSubstr("quelm collect: 0 messages"));
 }
 
-// More flows than the sockets hold, into a collector that stalls (stopped before the exporter
-// starts, resumed a while later) or dies mid-stream and is replaced on its port: a stall loses
-// nothing; a death is counted on one side at least.
+// More flows than the sockets hold, into a collector that stalls (SIGSTOP, then SIGCONT) or dies
+// and is replaced on its port: a stall loses nothing; a death is counted on one side at least.
 TEST_F(Export, BackPressureLosesNothingAndADeadCollectorIsCounted) {
     constexpr uint64_t kFlows = 40000;  // 2,500 messages: more than the sockets queue
     {  // one UDP packet per flow, told apart by source address and port
@@ -193,15 +186,13 @@ TEST_F(Export, BackPressureLosesNothingAndADeadCollectorIsCounted) {
         collector.emplace("--bind", "tcp://127.0.0.1:*", key);
         const std::string endpoint = collector->endpoint;
         if (!replace) kill(collector->pid(), SIGSTOP);
-        const pid_t sender = tool.spawn(tool.words(
-            "QUELM flows -r many.pcap --no-dpi --zmq END --zmq-connect --zmq-server-key @k.pub "
-            "--zmq-timeout 600",
-            {{"QUELM", QUELM_TOOL_PATH}, {"END", endpoint}}));
+        const pid_t sender =
+            send(endpoint, "--no-dpi --zmq-connect --zmq-timeout 600", "many.pcap");
         uint64_t before = 0;
         if (replace) {
             ASSERT_TRUE(eventually([&] { return collector->output().size() > 100000; }));
             kill(collector->pid(), SIGKILL);
-            before = lines(collector->output());
+            before = collector->lines();
             collector->stop();
             collector.emplace("--bind", endpoint, key);
         } else {
@@ -219,7 +210,7 @@ TEST_F(Export, BackPressureLosesNothingAndADeadCollectorIsCounted) {
                 return out.find(last, out.rfind('\n', out.size() - 2)) != std::string::npos;
             },
             60));
-        const uint64_t received = before + lines(collector->output());
+        const uint64_t received = before + collector->lines();
         const std::string report = collector->stop().err;
         if (!replace) {
             EXPECT_EQ(sent.exit_code, 0) << sent.err;
@@ -231,22 +222,11 @@ TEST_F(Export, BackPressureLosesNothingAndADeadCollectorIsCounted) {
     }
 }
 
-std::string header(const char *topic, uint8_t version, uint16_t size, uint32_t counter) {
-    std::string h(wire::kHeaderLen, '\0');
-    std::memcpy(h.data(), topic, std::strlen(topic));
-    h[wire::kVersionAt] = char(version);
-    std::memcpy(h.data() + wire::kSizeAt, &size, 2);
-    const uint32_t c = htonl(counter);
-    std::memcpy(h.data() + wire::kCounterAt, &c, 4);
-    return h;
-}
-
-// Whatever arrives, the collector writes the records it can read, reports what it cannot and what
-// went missing by the counters of each exporter, and goes on. Exporter a sends most messages, b
-// some between them (one too large for the collector, which drops b's connection), and a key that
-// is not allowed gets nothing through. The records and the report (after the listening line) must
-// equal the baselines collector.json and collector.txt.
+// The collector writes what it can read, reports what it cannot and what each exporter's counter
+// says went missing, and goes on; a key not allowed gets nothing through. Records and report
+// against collector.json and collector.txt.
 TEST_F(Export, CollectorReadsReportsAndCountsEveryMessage) {
+    const auto header = wire_header;
     // Fixed keys, so that the baselines can name a and b; the forged key is a fresh one.
     const char *a_key = "R[d(.5LCvE@g@dPp)tQ}6pzZiub9TwliD)^/J]d>",
                *b_key = "+zz=d]u?2!}F]O-)gb3NDBnu[pOj}%[jUc7)NIy9";

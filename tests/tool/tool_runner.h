@@ -1,5 +1,4 @@
-// Runs the built quelm binary (or any program) as a child process, with standard output and error
-// in files of a scratch folder that lives as long as the runner.
+// Runs quelm (or any program) as a child process in a scratch folder that holds its output.
 #pragma once
 
 #include <fcntl.h>
@@ -42,8 +41,7 @@ inline std::vector<Json> json_lines(const std::string &text) {
     return result;
 }
 
-// Waits for what another process brings about (a line in its output, a file growing), looking
-// every 10 ms; false when it does not come within `seconds`.
+// Waits for what another process brings about, looking every 10 ms; false after `seconds`.
 inline bool eventually(const std::function<bool()> &done, double seconds = 20) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
     while (!done()) {
@@ -53,8 +51,7 @@ inline bool eventually(const std::function<bool()> &done, double seconds = 20) {
     return true;
 }
 
-// A whole output against its file in tests/tool/baselines. After a deliberate change of the
-// output, QUELM_UPDATE_BASELINES=1 ctest -R tool rewrites the files; review their diff.
+// A whole output against its file in baselines/; QUELM_UPDATE_BASELINES=1 rewrites the files.
 inline void expect_baseline(const std::string &name, const std::string &text) {
     const std::string path = QUELM_BASELINES_DIR "/" + name;
     if (getenv("QUELM_UPDATE_BASELINES") != nullptr) std::ofstream(path) << text;

@@ -1,6 +1,6 @@
-// Decoding through a table, one row per encapsulation, tunnel and refusal. A row names the fields
-// it cares about as `key=value` (or the refusal as `why=reason`); the packet is handed over cut to
-// its capture length, so that the sanitizer build catches any read past it.
+// Decoding, one row per encapsulation, tunnel and refusal, naming the fields it checks
+// (`key=value`, or `why=reason`); packets end at their capture length, so the sanitizers catch
+// reads past it.
 #include <gtest/gtest.h>
 
 #include <map>
