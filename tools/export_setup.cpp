@@ -200,14 +200,20 @@ int ExportSession::finish() {
     // Flows still queued now are an exporter that never started: teardown releases them.
     stats_.num_flow_drops += stats_.queued_flows + stats_.buffered_records;
     const quelm_zmq_stats &s = stats_;
-    if (s.num_flow_exports + s.num_flow_drops != 0 && s.handshakes == 0) return kExitUnavailable;
+    if (nobody_reached()) return kExitUnavailable;
     return s.num_flow_drops != 0 ? kExitTempFail : kExitOk;
+}
+
+bool ExportSession::nobody_reached() const {
+    // A flow that went out had a collector: the handshake count alone would miss a monitor that
+    // could not be set up.
+    return stats_.num_flow_exports == 0 && stats_.num_flow_drops != 0 && stats_.handshakes == 0;
 }
 
 void ExportSession::report() const {
     if (table_ == nullptr) return;
     const quelm_zmq_stats &s = stats_;
-    if (s.num_flow_exports + s.num_flow_drops != 0 && s.handshakes == 0)
+    if (nobody_reached())
         fprintf(stderr,
                 "quelm flows: no collector completed a handshake: is quelm collect running at "
                 "the endpoint, with the secret key of --zmq-server-key%s?\n",

@@ -42,6 +42,7 @@ class ExportSession {
 
   private:
     void send_stats();
+    bool nobody_reached() const;  // flows were to go, and no collector ever took one
     quelm_table *table_ = nullptr;
     std::string iface_;
     double started_ = 0;
