@@ -80,7 +80,8 @@ typedef struct quelm_timeval {
 typedef struct quelm_packet_header {
     quelm_timeval ts; /* capture time: the library's only clock */
     uint32_t caplen;  /* bytes present at the packet pointer; decoding never reads past it */
-    uint32_t len;     /* length on the wire; packets above 16384 bytes are not decoded */
+    uint32_t len;     /* length on the wire; packets longer than the table's limit are not
+                       * decoded (quelm_set_max_packet_len; 16384 unless set) */
 } quelm_packet_header;
 
 /* Capture-layer extras given with each packet; never NULL. */
@@ -252,7 +253,7 @@ typedef void (*quelm_flow_list_export_callback)(quelm_list *list, void *user);
 
 /* Why a packet reached no flow. */
 typedef enum {
-    QUELM_NOT_DECODED_TOO_LONG = 0,   /* longer than 16,384 bytes, or headers beyond 64 KiB */
+    QUELM_NOT_DECODED_TOO_LONG = 0,   /* longer than the table's limit, or headers beyond 64 KiB */
     QUELM_NOT_DECODED_TRUNCATED = 1,  /* a header the capture cut short */
     QUELM_NOT_DECODED_NOT_IP = 2,     /* no IPv4 or IPv6 behind the link layer */
     QUELM_NOT_DECODED_BAD_HEADER = 3, /* an IP or transport header that cannot be valid */
@@ -330,6 +331,10 @@ QUELM_API quelm_table *quelm_create_table(uint32_t flags, uint32_t max_flows,
 /* Releases the table and every flow still in it, without exporting them (call quelm_flush first
  * to receive them). */
 QUELM_API void quelm_destroy_table(quelm_table *table);
+/* The longest packet (header.len) the table decodes; longer ones are counted as not decoded, too
+ * long. 16384 unless set; captures with segmentation offload hold frames up to 64 KiB, and
+ * snapshot lengths go to 262144. Returns 0, or -1 for 0 (nothing is changed). */
+QUELM_API int quelm_set_max_packet_len(quelm_table *table, uint32_t max_len);
 /* Cuts a slice of every flow every `flow_slicing` seconds of packet time (0: off). */
 QUELM_API void quelm_flow_set_flow_slicing(quelm_table *table, uint32_t flow_slicing);
 /* Callbacks: each setter stores the function (NULL clears it) and its user pointer. */
@@ -484,13 +489,13 @@ typedef struct quelm_zmq_stats {
     uint32_t num_flow_drops;   /* flows lost: queue full, no collector in time, or a failed send */
     /* Appended; filled by quelm_zmq_read_stats only, so that callers built against the first
      * three fields keep working. What the socket saw since the exporter started: */
-    uint32_t connections;         /* connections made or accepted */
-    uint32_t handshakes;          /* CURVE handshakes that succeeded (collectors reached) */
-    uint32_t refused_auth;        /* handshakes the collector refused (key not allowed) */
-    uint32_t refused_protocol;    /* handshakes that failed otherwise (wrong server key, ...) */
-    uint32_t disconnections;      /* connections that ended */
-    uint32_t subscribed;          /* 1 while some collector subscribes to flow records */
-    uint32_t queued_flows;        /* flows waiting in the export queue */
+    uint32_t connections;      /* connections made or accepted */
+    uint32_t handshakes;       /* CURVE handshakes that succeeded (collectors reached) */
+    uint32_t refused_auth;     /* handshakes the collector refused (key not allowed) */
+    uint32_t refused_protocol; /* handshakes that failed otherwise (wrong server key, ...) */
+    uint32_t disconnections;   /* connections that ended */
+    uint32_t subscribed;       /* 1 while some collector subscribes to flow records */
+    uint32_t queued_flows;     /* flows waiting in the export queue */
 } quelm_zmq_stats;
 
 /* Sets up export: `endpoint` is a comma-separated list of ZeroMQ endpoints, connected to when

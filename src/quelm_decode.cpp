@@ -14,7 +14,6 @@ using quelm::rd16;
 using quelm::rd32;
 
 // Longer packets are not decoded: they are not Ethernet frames of any link we key.
-constexpr uint32_t kMaxPacketLen = 16384;
 // Encapsulations nest at most this deep (tunnels in tunnels); deeper packets are not decoded.
 constexpr int kMaxDecodeDepth = 8;
 
@@ -314,7 +313,7 @@ bool quelm_decode(const quelm_decode_context &ctx, quelm_packet_info &info, cons
     info.hash = (ctx.flags & QUELM_FLAG_IGNORE_PACKET_HASH) ? 0 : ext->hash;
     Decoder d{ctx, info, pkt, header->caplen};
     bool keyed = false;
-    if (header->len > kMaxPacketLen) {
+    if (header->len > ctx.max_packet_len) {
         d.refuse(QUELM_NOT_DECODED_TOO_LONG);
     } else {
         Layer layer = Layer::link;

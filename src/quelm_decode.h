@@ -7,6 +7,7 @@
 // index and its prefetch) and the fragment table (later IPv4 fragments are credited through it).
 struct quelm_decode_context {
     uint32_t flags;
+    uint32_t max_packet_len;  // longer packets are refused as too long
     quelm_hash *hash_v4;
     quelm_hash *hash_v6;
     quelm_fragment_hash *fragments;

@@ -142,8 +142,8 @@ quelm_action quelm_process(quelm_table *table, const uint8_t *packet,
     stats.bytes += uint64_t{header->len} + kWireOverhead;
     const uint32_t now = uint32_t(header->ts.tv_sec);
     quelm_packet_info &info = table->packet;
-    const quelm_decode_context ctx = {table->flags, table->hash_v4, table->hash_v6,
-                                      table->fragments};
+    const quelm_decode_context ctx = {table->flags, table->max_packet_len, table->hash_v4,
+                                      table->hash_v6, table->fragments};
     quelm_not_decoded_reason why = QUELM_NOT_DECODED_TRUNCATED;
     if (quelm_decode(ctx, info, packet, header, ext, &why)) {
         info.action = track(table, packet, now);

@@ -84,6 +84,7 @@ quelm_table *quelm_create_table(uint32_t flags, uint32_t max_flows, uint32_t flo
     }
     t->housekeeping_countdown = QUELM_HOUSEKEEPING_PACKETS;
     t->exporter.timeout_msec = QUELM_EXPORT_DEFAULT_TIMEOUT_MSEC;
+    t->max_packet_len = QUELM_DEFAULT_MAX_PACKET_LEN;
     return t;
 }
 
@@ -210,6 +211,12 @@ int quelm_zmq_set_client_key(quelm_table *table, const char *public_key, const c
         return -1;
     memcpy(z.client_public_key, public_key, 41);
     memcpy(z.client_secret_key, secret_key, 41);
+    return 0;
+}
+
+int quelm_set_max_packet_len(quelm_table *table, uint32_t max_len) {
+    if (max_len == 0) return -1;
+    table->max_packet_len = max_len;
     return 0;
 }
 

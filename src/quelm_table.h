@@ -7,12 +7,15 @@
 
 // Housekeeping runs at least once per this many packets, even within one packet second.
 inline constexpr uint32_t QUELM_HOUSEKEEPING_PACKETS = 1000000;
+// The longest packet a table decodes unless told otherwise (quelm_set_max_packet_len).
+inline constexpr uint32_t QUELM_DEFAULT_MAX_PACKET_LEN = 16384;
 
 struct quelm_table {
     quelm_hash *hash_v4;
     quelm_hash *hash_v6;             // built with half the size of hash_v4
     quelm_fragment_hash *fragments;  // built with an eighth of the size
     uint32_t flags;
+    uint32_t max_packet_len;  // longer packets are not decoded
     quelm_stats stats;
     void *pelda;  // detection handle, or null when detection is off
     uint16_t dpi_min_num_tcp_packets;

@@ -174,6 +174,7 @@ quelm_table *open_table(const FlowsOptions &o, int *exit_code) {
         fprintf(stderr, "%s\n", error.c_str());
         return nullptr;
     }
+    quelm_set_max_packet_len(table, o.max_packet_len);
     // The rules file's settings come before the command line's, which win.
     *exit_code = configure_detection(table, o.detection, "quelm flows");
     if (*exit_code != kExitOk) {
@@ -294,6 +295,15 @@ void add_table_options(CLI::App &command, FlowsOptions &o) {
         ->type_name("N")
         ->capture_default_str()
         ->check(CLI::Range(1u, kMaxTableFlows).description(""))
+        ->group(group);
+    command
+        .add_option("--max-packet-len", o.max_packet_len,
+                    "Longest packet (length on the wire) to decode; longer ones are counted as "
+                    "not decoded. The default takes the frames of segmentation offload (up to 64 "
+                    "KiB) and the largest snapshot length")
+        ->type_name("BYTES")
+        ->capture_default_str()
+        ->check(CLI::Range(64u, 262144u).description(""))
         ->group(group);
     seconds_option(command, "--idle", o.idle,
                    "End a flow after more than SECONDS without a packet in either direction")

@@ -66,8 +66,8 @@ struct Bench {
         Packet &p = packets.emplace_back(Packet{frame.build(), {}, {ext_hash, 0, 0}, {}});
         p.header = {{sec, 0}, uint32_t(p.bytes.size()), uint32_t(p.bytes.size())};
         quelm_not_decoded_reason why;
-        quelm_decode({t->flags, t->hash_v4, t->hash_v6, t->fragments}, p.info, p.bytes.data(),
-                     &p.header, &p.ext, &why);
+        quelm_decode({t->flags, t->max_packet_len, t->hash_v4, t->hash_v6, t->fragments}, p.info,
+                     p.bytes.data(), &p.header, &p.ext, &why);
         return &p.info;
     }
     quelm_flow *add(const Frame &frame, int64_t sec = 100, uint32_t ext_hash = 0) {

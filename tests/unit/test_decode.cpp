@@ -127,3 +127,14 @@ TEST(Decode, EveryEncapsulationTunnelAndRefusal) {
             EXPECT_EQ(got[kv.substr(0, kv.find('='))], kv.substr(kv.find('=') + 1)) << kv;
     }
 }
+
+TEST(Decode, LongPacketsWithinARaisedLimit) {
+    Bench b(0);
+    const Frame big = Frame().eth().ipv4(A, B).tcp(1, 2).payload(20000);
+    b.send(big, 100);
+    EXPECT_EQ(quelm_get_stats(b.t)->not_decoded[QUELM_NOT_DECODED_TOO_LONG], 1u) << "16384 first";
+    EXPECT_EQ(quelm_set_max_packet_len(b.t, 0), -1);
+    EXPECT_EQ(quelm_set_max_packet_len(b.t, 65535), 0);
+    b.send(big, 100);
+    EXPECT_EQ(quelm_get_stats(b.t)->total_flows, 1u);
+}
