@@ -86,7 +86,7 @@ std::string LinkAdapter::describe(int link_type) {
     return text;
 }
 
-LinkAdapter::LinkAdapter(int link_type) {
+LinkAdapter::LinkAdapter(int link_type, uint32_t fcs_len) : fcs_len_(fcs_len) {
     bool supported;
     kind_ = kind_of(link_type, &supported);
     header_len_ = header_len_of(kind_);
@@ -94,6 +94,13 @@ LinkAdapter::LinkAdapter(int link_type) {
 }
 
 AdaptedFrame LinkAdapter::rewrite(const uint8_t *packet, uint32_t caplen, uint32_t len) {
+    // The frame check sequence is not part of the packet: drop it from both lengths (a capture
+    // cut short of it has none of it).
+    if (fcs_len_ != 0) {
+        len = len > fcs_len_ ? len - fcs_len_ : 0;
+        if (caplen > len) caplen = len;
+        if (kind_ == Kind::kEthernet) return {packet, caplen, len, 0};
+    }
     uint8_t *eth = scratch_.data();
     std::memset(eth, 0, kEthernetHeaderLen);
     uint8_t if_index = 0;

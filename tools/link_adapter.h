@@ -9,12 +9,19 @@
 
 namespace quelm_tool {
 
+// Frames the adapter keeps from the library, each counted by the tool under its reason.
+enum class LinkRefusal : uint8_t {
+    kNone,       // handed to the library
+    kEncrypted,  // an 802.11 frame whose payload is protected: nothing in it can be keyed
+};
+
 // A frame as the library receives it.
 struct AdaptedFrame {
     const uint8_t *data;
     uint32_t caplen;   // bytes present at data
     uint32_t len;      // wire length, counted as if the frame had been Ethernet
     uint8_t if_index;  // interface index from the link header (SLL2 only), else 0
+    LinkRefusal refusal = LinkRefusal::kNone;  // not kNone: skip the frame, count it
 };
 
 class LinkAdapter {
@@ -33,15 +40,16 @@ class LinkAdapter {
     // "link type NAME (N)" for messages, with the name libpcap knows it by.
     static std::string describe(int link_type);
 
-    // `link_type` must be supported.
-    explicit LinkAdapter(int link_type);
+    // `link_type` must be supported. `fcs_len` bytes of frame check sequence end every frame (as
+    // the capture file says: FCS-length bits of the link type, pcapng if_fcslen); they are dropped.
+    explicit LinkAdapter(int link_type, uint32_t fcs_len = 0);
 
     Kind kind() const { return kind_; }
 
     // The frame for the library. For Ethernet it points into the caller's packet; otherwise into
     // this adapter's scratch buffer, valid until the next call.
     AdaptedFrame adapt(const uint8_t *packet, uint32_t caplen, uint32_t len) {
-        if (kind_ == Kind::kEthernet) return {packet, caplen, len, 0};
+        if (kind_ == Kind::kEthernet && fcs_len_ == 0) return {packet, caplen, len, 0};
         return rewrite(packet, caplen, len);
     }
 
@@ -50,6 +58,7 @@ class LinkAdapter {
 
     Kind kind_;
     uint32_t header_len_;  // bytes of the original link header
+    uint32_t fcs_len_;
     std::vector<uint8_t> scratch_;
 };
 
