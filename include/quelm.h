@@ -65,7 +65,14 @@ enum quelm_table_flag {
     /* Never guess a protocol for a flow that detection did not identify. */
     QUELM_FLAG_NO_L7_GUESS = 32,
     /* Source and destination MAC addresses take part in the hash and in flow identity. */
-    QUELM_FLAG_MAC_IN_KEY = 64
+    QUELM_FLAG_MAC_IN_KEY = 64,
+    /* Decode what real links carry beyond the designed set: 802.1ad and QinQ tags in any mix with
+     * 802.1Q, PBB I-tags, VN-tags, IP in 802.2 LLC/SNAP, IPv6 in PPPoE and after MPLS, the IPv6
+     * extension headers (hop-by-hop, routing, fragment, destination options, mobility, AH: at most
+     * 8 of them) and IPv6 fragments (credited like IPv4 ones). ICMP and ICMPv6 queries (echo,
+     * timestamp, information, address mask, node information) share one flow with their replies:
+     * see QUELM_FLOW_FLAG_ICMP_QUERY. Without the flag, decoding is exactly the designed one. */
+    QUELM_FLAG_EXTENDED_DECODING = 128
 };
 
 /* ---- Packet input -------------------------------------------------------------------------- */
@@ -130,6 +137,9 @@ typedef struct quelm_packet_info {
     uint16_t sport, dport;          /* host order; ICMP: sport 0, dport type << 8 | code */
     quelm_flow *flow;               /* flow the packet was accounted to, or NULL */
     quelm_fragment_entry *fragment; /* fragment-table entry the packet matched, or NULL */
+    /* Appended. 1: an ICMP query keyed with its reply, 2: such a reply (see
+     * QUELM_FLOW_FLAG_ICMP_QUERY); 0 otherwise. */
+    uint8_t icmp_query;
 } quelm_packet_info;
 
 /* ---- Flow record views --------------------------------------------------------------------- */
@@ -196,6 +206,12 @@ enum quelm_flow_status {
 
 /* quelm_flow_value.flags */
 #define QUELM_FLOW_FLAG_L7_GUESSED 1u
+/* An ICMP query and its replies (QUELM_FLAG_EXTENDED_DECODING): the key's sport holds the query's
+ * identifier and dport the query type << 8 (code 0), so that either direction finds the flow... */
+#define QUELM_FLOW_FLAG_ICMP_QUERY 2u
+/* ...unless the flow began with a reply: then sport holds the query type << 8 and dport the
+ * identifier. */
+#define QUELM_FLOW_FLAG_ICMP_FROM_REPLY 4u
 
 /* Tunnel types (quelm_flow_value.tunnel_type). */
 enum quelm_tunnel_type {
@@ -257,7 +273,7 @@ typedef enum {
     QUELM_NOT_DECODED_TRUNCATED = 1,  /* a header the capture cut short */
     QUELM_NOT_DECODED_NOT_IP = 2,     /* no IPv4 or IPv6 behind the link layer */
     QUELM_NOT_DECODED_BAD_HEADER = 3, /* an IP or transport header that cannot be valid */
-    QUELM_NOT_DECODED_FRAGMENT = 4,   /* a later IPv4 fragment, credited to its flow when known */
+    QUELM_NOT_DECODED_FRAGMENT = 4,   /* a later fragment, credited to its flow when known */
     QUELM_NOT_DECODED_TOO_DEEP = 5,   /* encapsulations nested more than 8 deep */
     QUELM_NOT_DECODED_REASONS = 6
 } quelm_not_decoded_reason;
@@ -273,6 +289,9 @@ typedef struct quelm_stats {
     uint64_t bytes;               /* sum of header.len + 24 over those packets */
     /* Appended: packets_not_decoded by reason, indexed by quelm_not_decoded_reason. */
     uint64_t not_decoded[8];
+    /* Appended: of not_decoded[QUELM_NOT_DECODED_FRAGMENT], the fragments that reached no flow (no
+     * first fragment seen, or no room in the fragment table): those bytes are in no flow. */
+    uint64_t fragments_no_flow;
 } quelm_stats;
 
 /* ---- Rules --------------------------------------------------------------------------------- */

@@ -1,6 +1,10 @@
 // Packet decoding. Every header is checked against `caplen` before it is read, and every refusal
 // names its reason. First IPv4 fragments are keyed on their ports; later fragments are credited to
 // their flow through the fragment table and end here as "not decoded" (reason: fragment).
+//
+// Tables with QUELM_FLAG_EXTENDED_DECODING take the designed path first and leave it only where
+// the designed decoding would give up (an EtherType it does not know, an IPv6 extension header, an
+// ICMP query), so packets the designed path keys cost one flag test more at most.
 #include "quelm_decode.h"
 
 #include "quelm_bytes.h"
@@ -19,9 +23,19 @@ constexpr int kMaxDecodeDepth = 8;
 
 constexpr uint16_t kEthIpv4 = 0x0800, kEthIpv6 = 0x86DD, kEthVlan = 0x8100, kEthMpls = 0x8847,
                    kEthPppoe = 0x8864;
+// Extended decoding: service tags (802.1ad, and the pre-standard QinQ value), backbone service
+// instance tags (PBB), virtual network tags; values up to 1500 are 802.3 lengths (LLC follows).
+constexpr uint16_t kEthQinq = 0x88A8, kEthQinqLegacy = 0x9100, kEthPbb = 0x88E7, kEthVnTag = 0x8926,
+                   kEthMaxLength = 1500;
+// Tags and inner headers that one frame may stack before its network header.
+constexpr int kMaxLinkTags = 8;
 constexpr uint16_t kPppIpv4 = 0x0021, kPppIpv6 = 0x0057;
 constexpr uint8_t kProtoIcmp = 1, kProtoTcp = 6, kProtoUdp = 17, kProtoIcmpv6 = 58,
                   kIpv6DestOptions = 60;
+// IPv6 extension headers the extended decoding walks, and how many of them it follows.
+constexpr uint8_t kIpv6HopByHop = 0, kIpv6Routing = 43, kIpv6Fragment = 44, kIpv6Auth = 51,
+                  kIpv6Mobility = 135;
+constexpr int kMaxIpv6Extensions = 8;
 constexpr uint16_t kPortGtpU = 2152, kPortL2tp = 1701, kPortCapwapData = 5247, kPortVxlan = 4789;
 
 enum class Layer { link, network, done };
@@ -34,6 +48,7 @@ struct Decoder {
     quelm_not_decoded_reason why = QUELM_NOT_DECODED_TRUNCATED;
     uint32_t inner_frame = 0;  // Ethernet header behind a VXLAN tunnel
 
+    bool extended() const { return (ctx.flags & QUELM_FLAG_EXTENDED_DECODING) != 0; }
     bool fits(uint32_t offset, uint32_t len) const { return uint64_t{offset} + len <= caplen; }
     bool refuse(quelm_not_decoded_reason reason) {
         why = reason;
@@ -44,8 +59,12 @@ struct Decoder {
     }
 
     bool link(uint32_t frame);
+    bool tags(uint16_t &type, uint32_t &cursor);
     bool network(Layer &next);
     bool fragment(uint16_t frag);
+    bool credit_fragment(bool first, bool more, uint32_t key, uint16_t id, const uint8_t *source);
+    bool ipv6_extensions(uint32_t &l4);
+    void icmp_query(uint32_t l4);
     void tunnel(Layer &next);
     void gtp(uint32_t u);
     bool l2tp(uint32_t u);
@@ -55,7 +74,7 @@ struct Decoder {
 };
 
 // Link layer from `frame`: Ethernet, 802.1Q tags (the innermost id is kept), an MPLS stack (whose
-// payload is taken to be IPv4).
+// payload is taken to be IPv4 by design, either version with extended decoding).
 bool Decoder::link(uint32_t frame) {
     if (!need(frame, 14)) return false;
     info.l2_offset = uint16_t(frame);
@@ -68,6 +87,7 @@ bool Decoder::link(uint32_t frame) {
         type = rd16(pkt + cursor + 2);
         cursor += 4;
     }
+    if (type != kEthIpv4 && type != kEthIpv6 && extended() && !tags(type, cursor)) return false;
     if (type == kEthMpls) {
         for (;;) {
             if (!need(cursor, 4)) return false;
@@ -75,19 +95,66 @@ bool Decoder::link(uint32_t frame) {
             cursor += 4;
             if (bottom) break;
         }
-        type = kEthIpv4;
+        // The label stack does not say what it carries: the version nibble does (IPv4 by design).
+        type = extended() && fits(cursor, 1) && (pkt[cursor] >> 4) == 6 ? kEthIpv6 : kEthIpv4;
     }
     info.eth_type = type;
     info.l3_offset = uint16_t(cursor);
     return cursor <= 0xFFFF || refuse(QUELM_NOT_DECODED_TOO_LONG);
 }
 
+// Extended decoding: the tags and inner headers in front of the network header, in any order,
+// from `type` found at `cursor - 2`; both end at the network header's EtherType and offset.
+bool Decoder::tags(uint16_t &type, uint32_t &cursor) {
+    for (int n = 0; n < kMaxLinkTags; n++) {
+        switch (type) {
+            case kEthVlan:
+            case kEthQinq:
+            case kEthQinqLegacy:
+                if (!need(cursor, 4)) return false;
+                info.vlan_id = rd16(pkt + cursor) & 0x0FFF;
+                type = rd16(pkt + cursor + 2);
+                cursor += 4;
+                break;
+            case kEthPbb:  // 4-byte I-tag, then the customer's Ethernet header
+                if (!need(cursor, 4 + 14)) return false;
+                info.eth = pkt + cursor + 4;
+                type = rd16(pkt + cursor + 4 + 12);
+                cursor += 4 + 14;
+                break;
+            case kEthVnTag:  // 4-byte tag, then the EtherType
+                if (!need(cursor, 6)) return false;
+                type = rd16(pkt + cursor + 4);
+                cursor += 6;
+                break;
+            default:
+                if (type > kEthMaxLength) return true;
+                // 802.3 length: IP only in LLC/SNAP (DSAP, SSAP 0xAA, UI, OUI 0, EtherType).
+                if (!need(cursor, 8)) return false;
+                if (rd16(pkt + cursor) != 0xAAAA || pkt[cursor + 2] != 0x03 ||
+                    (rd32(pkt + cursor + 2) & 0x00FFFFFF) != 0)
+                    return refuse(QUELM_NOT_DECODED_NOT_IP);
+                type = rd16(pkt + cursor + 6);
+                cursor += 8;
+                break;
+        }
+    }
+    return refuse(QUELM_NOT_DECODED_TOO_DEEP);
+}
+
 // Network layer at info.l3_offset; `next` says which layer decoding goes on with.
 bool Decoder::network(Layer &next) {
     info.fragment = nullptr;
     if (info.eth_type == kEthPppoe) {
-        info.l3_offset = uint16_t(info.l3_offset + 8);  // PPPoE header and PPP protocol
-        info.eth_type = kEthIpv4;
+        // PPPoE header and PPP protocol; by design the session carries IPv4.
+        uint16_t type = kEthIpv4;
+        if (extended()) {
+            if (!need(info.l3_offset, 8)) return false;
+            const uint16_t ppp = rd16(pkt + info.l3_offset + 6);
+            type = ppp == kPppIpv4 ? kEthIpv4 : ppp == kPppIpv6 ? kEthIpv6 : 0;
+        }
+        info.l3_offset = uint16_t(info.l3_offset + 8);
+        info.eth_type = type;
     }
     if (info.eth_type != kEthIpv4 && info.eth_type != kEthIpv6)
         return refuse(QUELM_NOT_DECODED_NOT_IP);
@@ -105,39 +172,50 @@ bool Decoder::network(Layer &next) {
     info.len = uint16_t(info.header->len);
     if (!need(info.l3_offset, 20)) return false;
     const uint16_t frag = rd16(info.l3 + 6);
-    if ((frag & 0x3FFF) != 0 && !fragment(frag)) return refuse(QUELM_NOT_DECODED_FRAGMENT);
+    if ((frag & 0x3FFF) != 0 && !fragment(frag)) return false;
     if (info.l3[9] == kProtoUdp && (ctx.flags & QUELM_FLAG_TUNNEL_DECODING)) tunnel(next);
     return true;
 }
 
-// Credits a fragment through the fragment table; true when decoding goes on (first fragment).
+// An IPv4 fragment: see credit_fragment.
 bool Decoder::fragment(uint16_t frag) {
     const uint8_t *ip = info.l3;
-    const bool more = (frag & 0x2000) != 0;
-    const bool first = (frag & 0x1FFF) == 0;
     const uint16_t id_le = uint16_t(ip[4] | ip[5] << 8);
     const uint32_t saddr = rd32(ip + 12), daddr = rd32(ip + 16);
     const uint32_t key = 7 * uint32_t{id_le} + ip[9] + 3 * daddr + saddr;
-    quelm_fragment_entry *e = quelm_fragment_hash_find(ctx.fragments, key, id_le, info.header);
+    return credit_fragment((frag & 0x1FFF) == 0, (frag & 0x2000) != 0, key, id_le, ip + 12);
+}
+
+// Credits a fragment of the datagram `key`/`id` through the fragment table; true when decoding
+// goes on (first fragment). A later fragment that reaches no flow is refused as such.
+bool Decoder::credit_fragment(bool first, bool more, uint32_t key, uint16_t id,
+                              const uint8_t *source) {
+    quelm_fragment_entry *e = quelm_fragment_hash_find(ctx.fragments, key, id, info.header);
     info.fragment = e;
-    if (e == nullptr) return first;
+    if (e == nullptr) {
+        if (!first) why = QUELM_DECODE_FRAGMENT_NO_FLOW;
+        return first;
+    }
     e->bytes += info.len;
     e->pkts++;
     if (quelm_flow *flow = e->flow) {
-        quelm_flow_dir_value &d =
-            flow->value.direction[saddr == quelm::key_ipv4(flow->key.saddr) ? 0 : 1];
+        const bool forward = info.eth_type == kEthIpv4
+                                 ? rd32(source) == quelm::key_ipv4(flow->key.saddr)
+                                 : memcmp(source, flow->key.saddr, 16) == 0;
+        quelm_flow_dir_value &d = flow->value.direction[forward ? 0 : 1];
         d.last = info.header->ts;
         d.pkts++;
         d.bytes += info.len;
         if (&d == &flow->value.direction[1] && d.first.tv_sec == 0) d.first = info.header->ts;
         if (!more) quelm_fragment_entry_unlink_flow(e, flow);
         info.fragment = nullptr;
-        return false;
+        return refuse(QUELM_NOT_DECODED_FRAGMENT);
     }
     if (!more) {
         e->expire = 0;
         info.fragment = nullptr;
     }
+    if (!first) why = QUELM_DECODE_FRAGMENT_NO_FLOW;
     return first;
 }
 
@@ -229,7 +307,9 @@ bool Decoder::ip() {
         l4 = info.l3_offset + 40u;
         info.l3_payload_len = rd16(ip + 4);
         info.l4_protocol = ip[6];
-        if (info.l4_protocol == kIpv6DestOptions) {
+        if (extended()) {
+            if (!ipv6_extensions(l4)) return false;
+        } else if (info.l4_protocol == kIpv6DestOptions) {
             if (avail < 40 + 2) return refuse(QUELM_NOT_DECODED_TRUNCATED);
             const uint32_t ext_len = 8 * (uint32_t(ip[41]) + 1);
             if (avail < 40 + ext_len) return refuse(QUELM_NOT_DECODED_TRUNCATED);
@@ -256,6 +336,68 @@ bool Decoder::ip() {
     if (!transport(l4)) return false;
     if (info.hash == 0) quelm_hash_compute_hash_index(hash, &info);
     return true;
+}
+
+// Extended decoding: the IPv6 extension headers from `l4` (just past the fixed header), which ends
+// at the transport header; the payload length loses what they take. A later fragment is credited
+// to its flow and refused.
+bool Decoder::ipv6_extensions(uint32_t &l4) {
+    for (int n = 0;; n++) {
+        const uint8_t next = info.l4_protocol;
+        if (next != kIpv6HopByHop && next != kIpv6Routing && next != kIpv6Fragment &&
+            next != kIpv6Auth && next != kIpv6DestOptions && next != kIpv6Mobility)
+            return true;
+        if (n == kMaxIpv6Extensions) return refuse(QUELM_NOT_DECODED_TOO_DEEP);
+        if (!need(l4, 8)) return false;  // every extension header is at least 8 bytes
+        const uint8_t *h = pkt + l4;
+        const uint32_t len = next == kIpv6Fragment ? 8
+                             : next == kIpv6Auth   ? 4 * (uint32_t(h[1]) + 2)
+                                                   : 8 * (uint32_t(h[1]) + 1);
+        if (len > info.l3_payload_len) return refuse(QUELM_NOT_DECODED_BAD_HEADER);
+        if (next == kIpv6Fragment) {
+            const uint16_t offset = rd16(h + 2) & 0xFFF8;
+            const bool more = (h[3] & 1) != 0;
+            if (offset != 0 || more) {
+                // The datagram: its identification, addresses and upper protocol, as for IPv4.
+                const uint32_t id = rd32(h + 4);
+                uint32_t addresses = 0;
+                for (int i = 0; i < 32; i += 4)
+                    addresses = addresses * 3 + rd32(info.l3 + 8 + i);
+                const uint32_t key = 7 * id + h[0] + addresses;
+                if (!credit_fragment(offset == 0, more, key, uint16_t(id), info.l3 + 8))
+                    return false;
+            }
+        }
+        info.l4_protocol = h[0];
+        info.l3_payload_len = uint16_t(info.l3_payload_len - len);
+        l4 += len;
+    }
+}
+
+// Extended decoding: a query and its reply share one flow, keyed by the query's type and its
+// identifier (echo, timestamp, information and address mask for ICMP; echo and node information,
+// whose query type stands in for the identifier, for ICMPv6).
+void Decoder::icmp_query(uint32_t l4) {
+    if (!fits(l4, 6)) return;
+    const uint8_t type = pkt[l4];
+    int query = -1;
+    bool reply = false;
+    if (info.l4_protocol == kProtoIcmp && info.is_ipv4) {
+        if (type == 0 || type == 8)
+            query = 8, reply = type == 0;
+        else if (type >= 13 && type <= 18)
+            query = type - (type + 1) % 2, reply = type % 2 == 0;
+    } else if (info.l4_protocol == kProtoIcmpv6 && !info.is_ipv4) {
+        if (type == 128 || type == 129)
+            query = 128, reply = type == 129;
+        else if (type == 139 || type == 140)
+            query = 139, reply = type == 140;
+    }
+    if (query < 0) return;
+    const uint16_t id = rd16(pkt + l4 + 4), query_port = uint16_t(query << 8);
+    info.sport = reply ? query_port : id;
+    info.dport = reply ? id : query_port;
+    info.icmp_query = reply ? 2 : 1;
 }
 
 // Ports, flags and payload. A transport header that the IP length promises but the capture cut
@@ -296,6 +438,7 @@ bool Decoder::transport(uint32_t l4) {
                 if (fits(l4, 1)) info.icmp_type = pkt[l4];
                 if (fits(l4, 2)) info.icmp_code = pkt[l4 + 1];
                 info.dport = uint16_t(info.icmp_type << 8 | info.icmp_code);
+                if (extended()) icmp_query(l4);
             }
             return true;
     }

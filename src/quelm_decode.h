@@ -13,6 +13,10 @@ struct quelm_decode_context {
     quelm_fragment_hash *fragments;
 };
 
+// Reported in `*why` for a later fragment that reached no flow; counted as
+// QUELM_NOT_DECODED_FRAGMENT and in quelm_stats.fragments_no_flow.
+inline constexpr auto QUELM_DECODE_FRAGMENT_NO_FLOW = quelm_not_decoded_reason(0xFF);
+
 // Decodes `pkt` into `info`: true when the packet can be keyed. Otherwise `*why` says why not;
 // a later IPv4 fragment whose datagram is known has been credited to its flow by then.
 bool quelm_decode(const quelm_decode_context &ctx, quelm_packet_info &info, const uint8_t *pkt,

@@ -57,6 +57,9 @@ quelm_flow *create_flow(quelm_table *t, quelm_hash *hash) {
     }
     flow->id = t->next_flow_id++;
     flow->action = QUELM_ACTION_DEFAULT;
+    if (t->packet.icmp_query != 0)
+        flow->value.flags |= QUELM_FLOW_FLAG_ICMP_QUERY |
+                             (t->packet.icmp_query == 2 ? QUELM_FLOW_FLAG_ICMP_FROM_REPLY : 0);
     t->packet.direction = 0;
     stats.active_flows++;
     stats.total_flows++;
@@ -149,6 +152,10 @@ quelm_action quelm_process(quelm_table *table, const uint8_t *packet,
         info.action = track(table, packet, now);
     } else {
         stats.packets_not_decoded++;
+        if (why == QUELM_DECODE_FRAGMENT_NO_FLOW) {
+            stats.fragments_no_flow++;
+            why = QUELM_NOT_DECODED_FRAGMENT;
+        }
         stats.not_decoded[why]++;
         info.action = QUELM_ACTION_DEFAULT;
     }

@@ -327,6 +327,11 @@ size_t format_json_flow(quelm_flow *flow, quelm_table *table, bool answers_read,
     o.lit(",\"dest_ip\":").address(k.daddr, k.ip_version);
     if (k.protocol == 6 || k.protocol == 17) {
         o.lit(",\"dest_port\":").u64(k.dport);
+    } else if ((k.protocol == 1 || k.protocol == 58) && (v.flags & QUELM_FLOW_FLAG_ICMP_QUERY)) {
+        // A query and its replies: the query's type and identifier, in either port.
+        const bool from_reply = (v.flags & QUELM_FLOW_FLAG_ICMP_FROM_REPLY) != 0;
+        o.lit(",\"icmp_type\":").u64((from_reply ? k.sport : k.dport) >> 8);
+        o.lit(",\"icmp_code\":0,\"icmp_id\":").u64(from_reply ? k.dport : k.sport);
     } else if (k.protocol == 1 || k.protocol == 58) {
         // The key keeps ICMP type and code in the destination port.
         o.lit(",\"icmp_type\":").u64(k.dport >> 8).lit(",\"icmp_code\":").u64(k.dport & 0xFF);

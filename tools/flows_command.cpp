@@ -161,7 +161,8 @@ bool filter_expression(const FlowsOptions &o, std::string *expression, int *exit
 quelm_table *open_table(const FlowsOptions &o, int *exit_code) {
     const uint32_t flags =
         (o.ignore_vlan ? QUELM_FLAG_IGNORE_VLAN : 0) | (o.mac_in_key ? QUELM_FLAG_MAC_IN_KEY : 0) |
-        (o.tunnels ? QUELM_FLAG_TUNNEL_DECODING : 0) | detection_flags(o.detection);
+        (o.tunnels ? QUELM_FLAG_TUNNEL_DECODING : 0) |
+        (o.strict_decoding ? 0 : QUELM_FLAG_EXTENDED_DECODING) | detection_flags(o.detection);
     quelm_table *table = quelm_create_table(flags, o.max_flows, o.idle, o.lifetime, 0);
     if (table == nullptr) {
         if (!o.detection.enabled) {
@@ -322,6 +323,12 @@ void add_table_options(CLI::App &command, FlowsOptions &o) {
                   "Tell flows apart by MAC addresses as well as by IP addresses and ports")
         ->group(group);
     command
+        .add_flag("--strict-decoding", o.strict_decoding,
+                  "Decode only the designed encapsulations: no 802.1ad, QinQ, PBB or VN tags, no "
+                  "LLC/SNAP, IPv6 only in Ethernet, VLAN and L2TP, one IPv6 destination options "
+                  "header at most, no IPv6 fragments, and ICMP queries apart from their replies")
+        ->group(group);
+    command
         .add_flag("--tunnels", o.tunnels,
                   "Look inside GTPv1-U, L2TP, CAPWAP and VXLAN tunnels and track the inner flows")
         ->group(group);
@@ -474,7 +481,7 @@ int run_flows(const FlowsOptions &o) {
         }
         if (o.detection.enabled) print_protocol_totals(stderr, writer.protocol_totals());
     }
-    warn_losses("quelm flows", *quelm_get_stats(table));
+    warn_losses("quelm flows", *quelm_get_stats(table), {o.max_packet_len, o.strict_decoding});
     if (exporting) exporter.report();
     quelm_destroy_table(table);
     return exit_code;

@@ -30,6 +30,7 @@ struct FlowsOptions {
     bool ignore_vlan = false;
     bool mac_in_key = false;
     bool tunnels = false;
+    bool strict_decoding = false;  // the library's designed decoding only
     int default_action = 0;
     DetectionOptions detection;
     ExportOptions zmq;

@@ -25,17 +25,6 @@ void human(double v, char *out, size_t size) {
 constexpr const char *kNotDecodedNames[QUELM_NOT_DECODED_REASONS] = {
     "too long", "truncated", "not IP", "bad header", "later fragments", "nested too deep"};
 
-// "12 not IP, 6 later fragment": the reasons that occurred.
-std::string not_decoded_reasons(const quelm_stats &t) {
-    std::string text;
-    for (int r = 0; r < QUELM_NOT_DECODED_REASONS; r++) {
-        if (t.not_decoded[r] == 0) continue;
-        if (!text.empty()) text += ", ";
-        text += std::to_string(t.not_decoded[r]) + " " + kNotDecodedNames[r];
-    }
-    return text;
-}
-
 }  // namespace
 
 double now_seconds() {
@@ -78,6 +67,8 @@ void print_summary(FILE *out, const RunSummary &s) {
         if (t.not_decoded[r] != 0)
             fprintf(out, "  %-18s %llu\n", kNotDecodedNames[r],
                     (unsigned long long)t.not_decoded[r]);
+    if (t.fragments_no_flow != 0)
+        fprintf(out, "    %-16s %llu\n", "without flow", (unsigned long long)t.fragments_no_flow);
     line("flows created", t.total_flows);
     fprintf(out, "%-20s %llu (%llu slices)\n", "flows written", (unsigned long long)s.flows_written,
             (unsigned long long)s.slices_written);
@@ -99,15 +90,42 @@ void print_protocol_totals(FILE *out, const std::vector<ProtocolTotals> &totals)
                 (unsigned long long)t.packets, (unsigned long long)t.bytes);
 }
 
-void warn_losses(const char *command, const quelm_stats &t) {
-    if (t.packets_not_decoded != 0)
-        fprintf(stderr, "%s: warning: %llu packets were not decoded (%s)\n", command,
-                (unsigned long long)t.packets_not_decoded, not_decoded_reasons(t).c_str());
-    const uint64_t refused = t.flows_no_room + t.flows_no_memory;
-    if (refused != 0)
-        fprintf(stderr,
-                "%s: warning: %llu packets found no room for a new flow; raise --max-flows\n",
-                command, (unsigned long long)refused);
+void warn_losses(const char *command, const quelm_stats &t, const DecodeSettings &settings) {
+    // Each way to make no flow, with what it means and what helps. Later fragments credited to
+    // their flow are not among them.
+    struct Loss {
+        uint64_t packets;
+        std::string what;
+        const char *help;
+    };
+    const uint64_t *n = t.not_decoded;
+    const char *decode_help = settings.strict ? " (see --strict-decoding)" : "";
+    const Loss losses[] = {
+        {n[QUELM_NOT_DECODED_TOO_LONG],
+         "longer than " + std::to_string(settings.max_packet_len) + " bytes",
+         " (see --max-packet-len)"},
+        {n[QUELM_NOT_DECODED_TRUNCATED], "cut short by the capture's snapshot length", ""},
+        {n[QUELM_NOT_DECODED_NOT_IP], "not IP", decode_help},
+        {n[QUELM_NOT_DECODED_BAD_HEADER], "with a bad IP or transport header", decode_help},
+        {t.fragments_no_flow, "fragments whose first fragment was not seen", ""},
+        {n[QUELM_NOT_DECODED_TOO_DEEP], "nested too deep", ""},
+        {t.flows_no_room, "no room for a new flow", " (see --max-flows)"},
+        {t.flows_no_memory, "no memory for a new flow", " (see --max-flows)"},
+    };
+    uint64_t total = 0;
+    const Loss *main = &losses[0];
+    for (const Loss &l : losses) {
+        total += l.packets;
+        if (l.packets > main->packets) main = &l;
+    }
+    if (total == 0) return;
+    fprintf(stderr, "%s: warning: %llu of %llu packets made no flow: %llu %s%s", command,
+            (unsigned long long)total, (unsigned long long)t.packets,
+            (unsigned long long)main->packets, main->what.c_str(), main->help);
+    if (total != main->packets)
+        fprintf(stderr, ", %llu for other reasons (see --stats)",
+                (unsigned long long)(total - main->packets));
+    fputc('\n', stderr);
 }
 
 }  // namespace quelm_tool

@@ -45,8 +45,14 @@ struct RunSummary {
 };
 
 void print_summary(FILE *out, const RunSummary &s);
-// Warnings at the end of a run for packets that reached no flow and flows that found no room.
-void warn_losses(const char *command, const quelm_stats &t);
+// The settings a warning about lost packets can point at.
+struct DecodeSettings {
+    uint32_t max_packet_len;
+    bool strict;  // --strict-decoding
+};
+// One warning at the end of a run when packets reached no flow (not decoded, a fragment without
+// its flow, no room or memory for a new flow): how many, the main reason and what helps.
+void warn_losses(const char *command, const quelm_stats &t, const DecodeSettings &settings);
 // A table of flows, packets and bytes per application protocol, in the order given.
 void print_protocol_totals(FILE *out, const std::vector<ProtocolTotals> &totals);
 

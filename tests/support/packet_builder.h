@@ -40,9 +40,25 @@ class Frame {
         type_at_ = b_.size();
         return put16(0);
     }
-    Frame &vlan(uint16_t id) {
-        link_type(0x8100);
-        put16(id & 0x0FFF);
+    Frame &vlan(uint16_t id) { return tag(0x8100, id); }
+    // A tag of any kind with its id: 802.1Q 0x8100, 802.1ad 0x88A8, QinQ 0x9100, VN-tag 0x8926.
+    Frame &tag(uint16_t tpid, uint16_t id) {
+        link_type(tpid);
+        put16(tpid == 0x8926 ? 0 : id & 0x0FFF);
+        if (tpid == 0x8926) put16(id);  // VN-tag: 4 bytes
+        type_at_ = b_.size();
+        return put16(0);
+    }
+    // A PBB I-tag and the customer's Ethernet header behind it.
+    Frame &pbb(uint32_t isid) {
+        link_type(0x88E7);
+        put32(isid & 0x00FFFFFF);
+        return eth();
+    }
+    // 802.3 length, then LLC/SNAP with an EtherType.
+    Frame &llc_snap(uint8_t dsap = 0xAA) {
+        link_type(0x0040);
+        put({dsap, 0xAA, 0x03, 0, 0, 0});
         type_at_ = b_.size();
         return put16(0);
     }
@@ -94,6 +110,20 @@ class Frame {
         proto_at_ = b_.size();
         return put({0, 0, 1, 4, 0, 0, 0, 0});  // next header, 8 bytes, PadN
     }
+    // An IPv6 extension header of `len` bytes (multiples of 8; of 4 for AH, 51), zero-filled.
+    Frame &ipv6_ext(uint8_t type, uint8_t len = 8) {
+        ip_proto(type);
+        proto_at_ = b_.size();
+        put({0, uint8_t(type == 51 ? len / 4 - 2 : len / 8 - 1)});
+        return put(std::vector<uint8_t>(len - 2u, 0));
+    }
+    Frame &ipv6_fragment(uint16_t offset, bool more, uint32_t id) {
+        ip_proto(44);
+        proto_at_ = b_.size();
+        put({0, 0});
+        put16(uint16_t(offset << 3 | (more ? 1 : 0)));
+        return put32(id);
+    }
     Frame &tcp(uint16_t sport, uint16_t dport, uint8_t flags = 0x10, uint8_t data_offset = 5,
                uint32_t seq = 1000, uint32_t ack = 2000, const TcpOptions &o = {}) {
         ip_proto(6);
@@ -117,9 +147,11 @@ class Frame {
         put16(dport);
         return put32(0);  // length (filled in by build()), checksum
     }
-    Frame &icmp(uint8_t type, uint8_t code, uint8_t proto = 1) {
+    Frame &icmp(uint8_t type, uint8_t code, uint8_t proto = 1, uint16_t id = 1) {
         ip_proto(proto);
-        return put({type, code, 0, 0, 0, 1, 0, 1});
+        put({type, code, 0, 0});
+        put16(id);
+        return put16(1);  // sequence
     }
     Frame &l4(uint8_t proto) { return ip_proto(proto); }
     Frame &bytes(std::initializer_list<uint8_t> v) { return put(v); }
@@ -188,6 +220,7 @@ class Frame {
         proto_at_ = 0;
         return *this;
     }
+    Frame &put(const std::vector<uint8_t> &v) { return put(v.begin(), v.end()); }
     template <typename It>
     Frame &put(It first, It last) {
         b_.insert(b_.end(), first, last);

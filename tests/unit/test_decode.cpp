@@ -35,7 +35,14 @@ static Frame l2tp(uint16_t flags, uint16_t ppp, std::initializer_list<uint8_t> e
     return ppp == 0x0057 ? f.ipv6(C, D).tcp(1, 2) : f.ipv4("10.7.0.1", "10.7.0.2").tcp(3, 4);
 }
 
-constexpr uint32_t T = QUELM_FLAG_TUNNEL_DECODING;
+constexpr uint32_t T = QUELM_FLAG_TUNNEL_DECODING, X = QUELM_FLAG_EXTENDED_DECODING;
+const Frame kQinq = Frame().eth().tag(0x88A8, 100).vlan(20).ipv4(A, B).udp(1, 2);
+static Frame v6_chain(int headers) {
+    Frame f = Frame().eth().ipv6(C, D);
+    for (int i = 0; i < headers; i++)
+        f.ipv6_ext(60);
+    return f.udp(1, 2).payload(4);
+}
 
 // clang-format off
 struct Row { const char *name; uint32_t flags; Frame frame; const char *want; int caplen = -1; uint32_t wire = 0; };
@@ -89,6 +96,28 @@ const Row kRows[] = {  // caplen -1: the whole frame; wire 0: the frame's length
     {"l2tp_lcp_is_plain_udp", T, l2tp(0x0002, 0xC021), "dport=1701 tun=0"},
     {"l2tp_control_is_plain_udp", T, l2tp(0x8002, 0x0021), "dport=1701 tun=0"},
     {"capwap_8_byte_header_and_32_to_the_ethertype", T, Frame().eth().ipv4(E, F).udp(40000, 5247).bytes({0, 0x10, 0, 0, 0, 0, 0, 0, 2}).payload(29, 0).bytes({8, 0}).ipv4("10.6.0.1", "10.6.0.2").udp(67, 68), "l3=82 sport=67 tun=2 src=10.6.0.1"},
+    {"qinq_is_not_ip_by_design", 0, kQinq, "why=not_ip"},
+    {"qinq_802_1ad_outside_802_1q", X, kQinq, "vlan=20 l3=22 proto=17"},
+    {"qinq_pre_standard_tpid", X, Frame().eth().tag(0x9100, 7).ipv4(A, B).udp(1, 2), "vlan=7 l3=18"},
+    {"pbb_customer_frame_and_its_tag", X, Frame().eth().tag(0x88A8, 5).pbb(0x123456).vlan(9).ipv4(A, B).tcp(1, 2), "vlan=9 l3=40 sport=1"},
+    {"vn_tag", X, Frame().eth().tag(0x8926, 0x1234).ipv4(A, B).tcp(1, 2), "l3=20 sport=1"},
+    {"llc_snap", X, Frame().eth().llc_snap().ipv4(A, B).tcp(1, 2), "l3=22 sport=1"},
+    {"llc_without_snap", X, Frame().eth().llc_snap(0x42).ipv4(A, B).tcp(1, 2), "why=not_ip"},
+    {"pppoe_ipv6_extended", X, Frame().eth().pppoe(0x0057).ipv6(C, D).tcp(1, 2), "v=6 l3=22 l4=62"},
+    {"pppoe_lcp", X, Frame().eth().pppoe(0xC021).payload(20), "why=not_ip"},
+    {"mpls_carrying_ipv6_extended", X, Frame().eth().mpls(1, true).ipv6(C, D).udp(1, 2), "v=6 l3=18"},
+    {"ipv6_extension_chain", X, Frame().eth().ipv6(C, D).ipv6_ext(0).ipv6_ext(43, 24).ipv6_ext(60).ipv6_ext(51, 16).ipv6_ext(135).udp(1, 2).payload(4), "proto=17 l4=118 plen=4 sport=1"},
+    {"ipv6_8_extension_headers", X, v6_chain(8), "l4=118 plen=4"},
+    {"ipv6_9_extension_headers", X, v6_chain(9), "why=too_deep"},
+    {"ipv6_extension_cut", X, v6_chain(2), "why=truncated", 67},
+    {"ipv6_first_fragment_keyed_on_ports", X, Frame().eth().ipv6(C, D).ipv6_fragment(0, true, 7).tcp(1, 443), "proto=6 l4=62 dport=443"},
+    {"ipv6_later_fragment", X, Frame().eth().ipv6(C, D).ipv6_fragment(100, false, 7).l4(6).payload(16), "why=fragment"},
+    {"icmp_echo_keyed_on_its_identifier", X, Frame().eth().ipv4(A, B).icmp(8, 0, 1, 9), "sport=9 dport=2048"},
+    {"icmp_echo_reply_the_other_way_round", X, Frame().eth().ipv4(A, B).icmp(0, 0, 1, 9), "sport=2048 dport=9"},
+    {"icmp_address_mask_reply", X, Frame().eth().ipv4(A, B).icmp(18, 0, 1, 3), "sport=4352 dport=3"},
+    {"icmp_error_keeps_type_and_code", X, Frame().eth().ipv4(A, B).icmp(3, 1), "sport=0 dport=769"},
+    {"icmpv6_node_information_reply", X, Frame().eth().ipv6(C, D).icmp(140, 0, 58, 2), "sport=35584 dport=2"},
+    {"icmp_identifier_cut", X, Frame().eth().ipv4(A, B).icmp(8, 0), "sport=0 dport=2048", 39},
 };
 const char *const kReasons[] = {"too_long", "truncated", "not_ip", "bad_header", "fragment", "too_deep"};
 // clang-format on

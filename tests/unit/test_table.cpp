@@ -88,6 +88,33 @@ TEST(Table, FlowsEndAsTheyShould) {
     }
 }
 
+// With extended decoding a ping is one flow whichever side is seen first, and the later fragments
+// of an IPv6 datagram count for the flow of its first one, or as reaching no flow.
+TEST(Table, ExtendedDecodingPairsQueriesAndCreditsIpv6Fragments) {
+    Bench b(QUELM_FLAG_EXTENDED_DECODING);
+    const auto fragment6 = [](uint16_t offset, uint32_t id) {
+        Frame f = Frame().eth().ipv6(C, D).ipv6_fragment(offset, offset == 0, id);
+        return offset == 0 ? f.udp(1, 2).payload(992) : f.l4(17).payload(500);
+    };
+    for (const Frame &f :
+         {Frame().eth().ipv4(A, B).icmp(8, 0, 1, 9), Frame().eth().ipv4(B, A).icmp(0, 0, 1, 9),
+          Frame().eth().ipv6(D, C).icmp(129, 0, 58, 4),
+          Frame().eth().ipv6(C, D).icmp(128, 0, 58, 4), fragment6(0, 5), fragment6(125, 5),
+          fragment6(125, 6)})
+        b.send(f, 100);
+    quelm_flush(b.t);
+    EXPECT_EQ(b.exports(), "0:4:2:42 1:4:2:48 2:4:2:1596");
+    std::vector<uint32_t> flags;
+    for (const quelm_flow *f : b.exported)
+        flags.push_back(f->value.flags);
+    EXPECT_EQ(flags, (std::vector<uint32_t>{
+                         QUELM_FLOW_FLAG_ICMP_QUERY,
+                         QUELM_FLOW_FLAG_ICMP_QUERY | QUELM_FLOW_FLAG_ICMP_FROM_REPLY, 0}));
+    const quelm_stats &s = *quelm_get_stats(b.t);
+    EXPECT_EQ(std::pair(s.not_decoded[QUELM_NOT_DECODED_FRAGMENT], s.fragments_no_flow),
+              std::pair(uint64_t{2}, uint64_t{1}));
+}
+
 // A slice is due strictly after the period, counted from the earliest first packet of either
 // direction, then from the previous slice; housekeeping cuts it when no packet does.
 TEST(Table, SlicesCarryThePacketsOfTheirPeriod) {
