@@ -12,6 +12,8 @@
 #include "quelm_fragment_hash.h"
 #include "quelm_hash.h"
 
+#include <initializer_list>
+
 namespace {
 
 using quelm::rd16;
@@ -36,6 +38,18 @@ constexpr uint8_t kProtoIcmp = 1, kProtoTcp = 6, kProtoUdp = 17, kProtoIcmpv6 = 
 constexpr uint8_t kIpv6HopByHop = 0, kIpv6Routing = 43, kIpv6Fragment = 44, kIpv6Auth = 51,
                   kIpv6Mobility = 135;
 constexpr int kMaxIpv6Extensions = 8;
+
+// One bit per IP protocol number: set for the extension headers above.
+struct ProtocolSet {
+    uint64_t bits[4];
+    constexpr ProtocolSet(std::initializer_list<uint8_t> protocols) : bits{} {
+        for (uint8_t p : protocols)
+            bits[p >> 6] |= uint64_t{1} << (p & 63);
+    }
+    constexpr bool has(uint8_t p) const { return (bits[p >> 6] >> (p & 63)) & 1; }
+};
+constexpr ProtocolSet kIpv6Extensions = {kIpv6HopByHop, kIpv6Routing,     kIpv6Fragment,
+                                         kIpv6Auth,     kIpv6DestOptions, kIpv6Mobility};
 constexpr uint16_t kPortGtpU = 2152, kPortL2tp = 1701, kPortCapwapData = 5247, kPortVxlan = 4789;
 
 enum class Layer { link, network, done };
@@ -307,7 +321,7 @@ bool Decoder::ip() {
         l4 = info.l3_offset + 40u;
         info.l3_payload_len = rd16(ip + 4);
         info.l4_protocol = ip[6];
-        if (extended()) {
+        if (kIpv6Extensions.has(info.l4_protocol) && extended()) {
             if (!ipv6_extensions(l4)) return false;
         } else if (info.l4_protocol == kIpv6DestOptions) {
             if (avail < 40 + 2) return refuse(QUELM_NOT_DECODED_TRUNCATED);
@@ -344,9 +358,7 @@ bool Decoder::ip() {
 bool Decoder::ipv6_extensions(uint32_t &l4) {
     for (int n = 0;; n++) {
         const uint8_t next = info.l4_protocol;
-        if (next != kIpv6HopByHop && next != kIpv6Routing && next != kIpv6Fragment &&
-            next != kIpv6Auth && next != kIpv6DestOptions && next != kIpv6Mobility)
-            return true;
+        if (!kIpv6Extensions.has(next)) return true;
         if (n == kMaxIpv6Extensions) return refuse(QUELM_NOT_DECODED_TOO_DEEP);
         if (!need(l4, 8)) return false;  // every extension header is at least 8 bytes
         const uint8_t *h = pkt + l4;
