@@ -9,7 +9,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size < 1) return 0;
     const uint32_t flags = QUELM_FLAG_TUNNEL_DECODING | (data[0] & 1 ? QUELM_FLAG_DPI : 0) |
                            (data[0] & 2 ? QUELM_FLAG_DPI_EXTRA_DISSECTION : 0) |
-                           (data[0] & 4 ? QUELM_FLAG_MAC_IN_KEY : 0);
+                           (data[0] & 4 ? QUELM_FLAG_MAC_IN_KEY : 0) |
+                           (data[0] & 8 ? QUELM_FLAG_EXTENDED_DECODING : 0);
     quelm_table *t = quelm_create_table(flags, 64, 2, 5, 8);
     if (t == nullptr) return 0;
     quelm_flow_set_flow_slicing(t, data[0] >> 4);

@@ -48,7 +48,8 @@ int main(int argc, char **argv) {
     // Two datagrams in two fragments each, the second one's tail first.
     const quelm_test::Ipv4Options head{.more_fragments = true}, tail{.fragment_offset = 4},
         tail7{.id = 7, .fragment_offset = 2}, head7{.id = 7, .more_fragments = true};
-    // The flags byte of fuzz_table's input (DPI, extra dissection, MAC in key, slicing), or -1 for
+    // The flags byte of fuzz_table's input (DPI, extra dissection, MAC in key, extended decoding,
+    // slicing), or -1 for
     // fuzz_packet, which takes packets from the IP header on. GTP-U has a sequence number; CAPWAP
     // an 8-byte header, then 32 bytes of wireless binding whose last two give the inner type.
     // clang-format off
@@ -70,6 +71,12 @@ int main(int argc, char **argv) {
                                      l2().ipv4(kA, kB, tail).l4(17).payload(20).build(),
                                      l2().ipv4(kA, kB, tail7).l4(17).payload(8).build(),
                                      l2().ipv4(kA, kB, head7).udp(1, 2).payload(8).build()}},
+        {"table/extended-tags", 0x09, http([](bool b) { return l2(b).tag(0x88A8, 5).pbb(7).tag(0x9100, 6).tag(0x8926, 1).llc_snap(); })},
+        {"table/extended-ipv6", 0x09, {l2().ipv6(kA6, kB6).ipv6_ext(0).ipv6_ext(43, 24).ipv6_ext(51, 16).ipv6_fragment(0, true, 9).udp(1, 53).payload(24).build(),
+                                       l2().ipv6(kA6, kB6).ipv6_ext(60).ipv6_fragment(4, false, 9).l4(17).payload(20).build(),
+                                       l2().pppoe(0x0057).ipv6(kB6, kA6).ipv6_ext(135).icmp(129, 0, 58, 3).build(),
+                                       l2(true).ipv6(kA6, kB6).icmp(128, 0, 58, 3).build(),
+                                       l2().ipv4(kA, kB).icmp(13, 0, 1, 4).build(), l2(true).ipv4(kB, kA).icmp(14, 0, 1, 4).build()}},
         {"packet/http", -1, http([](bool) { return Frame(); })},
         {"packet/dns", -1, {Frame().ipv4(kA, kB).udp(5353, 53).payload(kDns).build(),
                             Frame().ipv4(kB, kA).udp(53, 5353).payload(kDns).build()}},
