@@ -14,8 +14,10 @@ struct quelm_decode_context {
 };
 
 // Reported in `*why` for a later fragment that reached no flow; counted as
-// QUELM_NOT_DECODED_FRAGMENT and in quelm_stats.fragments_no_flow.
-inline constexpr auto QUELM_DECODE_FRAGMENT_NO_FLOW = quelm_not_decoded_reason(0xFF);
+// QUELM_NOT_DECODED_FRAGMENT and in quelm_stats.fragments_no_flow. (The largest value the enum's
+// range holds, 0 to 7.)
+inline constexpr auto QUELM_DECODE_FRAGMENT_NO_FLOW = quelm_not_decoded_reason(7);
+static_assert(QUELM_NOT_DECODED_REASONS < 7, "a public reason would take the internal one");
 
 // Decodes `pkt` into `info`: true when the packet can be keyed. Otherwise `*why` says why not;
 // a later IPv4 fragment whose datagram is known has been credited to its flow by then.
