@@ -125,7 +125,8 @@ typedef struct quelm_packet_info {
     uint32_t hash;      /* flow hash in use */
     uint32_t hash_idx;  /* hash masked to the bucket range of the packet's flow hash */
     uint16_t eth_type;  /* EtherType after all tags; MPLS and PPPoE leave 0x0800 */
-    uint16_t len;       /* bytes credited to the flow: wire length (IPv6: minus the link header) */
+    uint16_t len;       /* bytes credited to the flow: wire length (IPv6: minus the link header);
+                         * the low 16 bits of `bytes` */
     uint16_t l2_offset, l3_offset, l4_offset, payload_offset;
     uint16_t l3_payload_len; /* IPv4 total length minus header length, or IPv6 payload length */
     uint8_t is_ipv4;         /* 1: IPv4 flow hash, 0: IPv6 flow hash */
@@ -140,6 +141,9 @@ typedef struct quelm_packet_info {
     /* Appended. 1: an ICMP query keyed with its reply, 2: such a reply (see
      * QUELM_FLOW_FLAG_ICMP_QUERY); 0 otherwise. */
     uint8_t icmp_query;
+    /* Appended: the bytes credited to the flow, as `len` says, also beyond 65535 (with
+     * quelm_set_max_packet_len above it, `len` holds only the low 16 bits). */
+    uint32_t bytes;
 } quelm_packet_info;
 
 /* ---- Flow record views --------------------------------------------------------------------- */

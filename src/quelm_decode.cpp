@@ -179,11 +179,15 @@ bool Decoder::network(Layer &next) {
     next = Layer::done;
     if (v6) {
         info.ip_version = 6;
-        info.len = uint16_t(info.header->len - info.l3_offset);
+        // Within 16 bits as designed (a wire length shorter than the headers wraps there).
+        const uint32_t len = info.header->len;
+        info.len = uint16_t(len - info.l3_offset);
+        info.bytes = len > 0xFFFF && len > info.l3_offset ? len - info.l3_offset : info.len;
         return true;
     }
     info.ip_version = 4;
-    info.len = uint16_t(info.header->len);
+    info.bytes = info.header->len;
+    info.len = uint16_t(info.bytes);
     if (!need(info.l3_offset, 20)) return false;
     const uint16_t frag = rd16(info.l3 + 6);
     if ((frag & 0x3FFF) != 0 && !fragment(frag)) return false;
@@ -210,7 +214,7 @@ bool Decoder::credit_fragment(bool first, bool more, uint32_t key, uint16_t id,
         if (!first) why = QUELM_DECODE_FRAGMENT_NO_FLOW;
         return first;
     }
-    e->bytes += info.len;
+    e->bytes += info.bytes;
     e->pkts++;
     if (quelm_flow *flow = e->flow) {
         const bool forward = info.eth_type == kEthIpv4
@@ -219,7 +223,7 @@ bool Decoder::credit_fragment(bool first, bool more, uint32_t key, uint16_t id,
         quelm_flow_dir_value &d = flow->value.direction[forward ? 0 : 1];
         d.last = info.header->ts;
         d.pkts++;
-        d.bytes += info.len;
+        d.bytes += info.bytes;
         if (&d == &flow->value.direction[1] && d.first.tv_sec == 0) d.first = info.header->ts;
         if (!more) quelm_fragment_entry_unlink_flow(e, flow);
         info.fragment = nullptr;

@@ -70,7 +70,7 @@ void account(quelm_flow *flow, const quelm_packet_info &info) {
     quelm_flow_dir_value &d = flow->value.direction[info.direction];
     d.last = info.header->ts;
     d.pkts++;
-    d.bytes += info.len;
+    d.bytes += info.bytes;
     d.tcp_flags |= info.tcp_flags;
     if (info.icmp_type != 0) flow->value.l7_metadata.icmp.icmp_type = info.icmp_type;
     if (info.icmp_code != 0) flow->value.l7_metadata.icmp.icmp_code = info.icmp_code;
