@@ -1,7 +1,10 @@
 #include "run_report.h"
 
+#include <pcap/pcap.h>
+
 #include <ctime>
 #include <string>
+#include <utility>
 
 namespace quelm_tool {
 namespace {
@@ -36,7 +39,41 @@ std::string not_decoded_reasons(const quelm_stats &t) {
     return text;
 }
 
+std::string refusal_name(LinkRefusal refusal) {
+    switch (refusal) {
+        case LinkRefusal::kNone:
+            break;
+        case LinkRefusal::kEncrypted:
+            return "encrypted 802.11";
+    }
+    return "refused";
+}
+
+// The tool's reasons with their counts, link types first.
+std::vector<std::pair<std::string, uint64_t>> tool_reasons(const ToolRefusals &tool) {
+    std::vector<std::pair<std::string, uint64_t>> reasons;
+    for (const auto &[link_type, count] : tool.link_types) {
+        const char *name = pcap_datalink_val_to_name(link_type);
+        reasons.emplace_back("link type " +
+                                 (name != nullptr ? std::string(name) : std::to_string(link_type)) +
+                                 " not read",
+                             count);
+    }
+    for (const auto &[refusal, count] : tool.frames)
+        reasons.emplace_back(refusal_name(refusal), count);
+    return reasons;
+}
+
 }  // namespace
+
+uint64_t ToolRefusals::total() const {
+    uint64_t sum = 0;
+    for (const auto &entry : link_types)
+        sum += entry.second;
+    for (const auto &entry : frames)
+        sum += entry.second;
+    return sum;
+}
 
 double now_seconds() {
     timespec ts;
@@ -73,11 +110,14 @@ void print_summary(FILE *out, const RunSummary &s) {
     };
     line("packets", s.packets);
     line("bytes", s.bytes);
-    line("not decoded", t.packets_not_decoded);
+    const ToolRefusals none, &tool = s.refusals != nullptr ? *s.refusals : none;
+    line("not decoded", t.packets_not_decoded + tool.total());
     for (int r = 0; r < QUELM_NOT_DECODED_REASONS; r++)
         if (t.not_decoded[r] != 0)
             fprintf(out, "  %-18s %llu\n", kNotDecodedNames[r],
                     (unsigned long long)t.not_decoded[r]);
+    for (const auto &[reason, count] : tool_reasons(tool))
+        fprintf(out, "  %-18s %llu\n", reason.c_str(), (unsigned long long)count);
     line("flows created", t.total_flows);
     fprintf(out, "%-20s %llu (%llu slices)\n", "flows written", (unsigned long long)s.flows_written,
             (unsigned long long)s.slices_written);
@@ -99,7 +139,7 @@ void print_protocol_totals(FILE *out, const std::vector<ProtocolTotals> &totals)
                 (unsigned long long)t.packets, (unsigned long long)t.bytes);
 }
 
-void warn_losses(const char *command, const quelm_stats &t) {
+void warn_losses(const char *command, const quelm_stats &t, const ToolRefusals &tool) {
     if (t.packets_not_decoded != 0)
         fprintf(stderr, "%s: warning: %llu packets were not decoded (%s)\n", command,
                 (unsigned long long)t.packets_not_decoded, not_decoded_reasons(t).c_str());
@@ -108,6 +148,12 @@ void warn_losses(const char *command, const quelm_stats &t) {
         fprintf(stderr,
                 "%s: warning: %llu packets found no room for a new flow; raise --max-flows\n",
                 command, (unsigned long long)refused);
+    if (tool.total() == 0) return;
+    std::string reasons;
+    for (const auto &[reason, count] : tool_reasons(tool))
+        reasons += (reasons.empty() ? "" : ", ") + reason + " (" + std::to_string(count) + ")";
+    fprintf(stderr, "%s: warning: %llu packets were skipped: %s\n", command,
+            (unsigned long long)tool.total(), reasons.c_str());
 }
 
 }  // namespace quelm_tool

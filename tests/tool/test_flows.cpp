@@ -7,6 +7,7 @@
 
 #include "flow_writer.h"
 #include "packet_builder.h"
+#include "pcapng_builder.h"
 #include "tool_runner.h"
 
 namespace quelm_test {
@@ -68,11 +69,20 @@ class FlowsTool : public ::testing::Test {
         std::ofstream(tool.path(name), std::ios::binary) << b.substr(0, b.size() - cut_last);
         return tool.path(name);
     }
+    // The same packets as pcapng, in the other byte order, after an interface of 802.11.
+    Pcapng pcapng(const std::vector<CapturedPacket> &packets) {
+        Pcapng file(true);
+        file.interface(105, 0).interface(kLinkEthernet, 262144);
+        for (const CapturedPacket &p : packets)
+            file.packet(1, uint64_t(p.sec) * 1000000 + uint64_t(p.usec), p.data);
+        return file;
+    }
     ToolRunner tool;
 };
 
 TEST_F(FlowsTool, OutputsEqualTheirBaselines) {
     capture("mixed.pcap", kMixed);
+    tool.write("mixed.pcapng", pcapng(kMixed).bytes());
     capture("cut.pcap", kMixed, kLinkEthernet, 10);
     Frame vxlan;
     vxlan.eth().ipv4("192.0.2.1", "192.0.2.2").udp(40000, 4789).bytes({8, 0, 0, 0, 0, 0, 42, 0});
@@ -91,6 +101,7 @@ TEST_F(FlowsTool, OutputsEqualTheirBaselines) {
                "[shunt]\nDNS = many\nTLS = 300\n[global]\ncolour = blue\n[firewall]\n");
     const std::pair<const char *, const char *> cases[] = {
         {"mixed.json", "flows -r mixed.pcap --format json"},  // TCP, IPv6, ICMP, VLAN fields
+        {"mixed.json", "flows -r mixed.pcapng --format json"},
         {"vxlan.json", "flows -r vxlan.pcap --format json"},  // the outer flow only (VNI 42)
         {"cut.json", "flows -r cut.pcap --format json"},  // the flows before the damage; exit 65
         {"vxlan-tunnels.json", "flows -r vxlan.pcap --format json --tunnels"},
@@ -214,12 +225,39 @@ TEST_F(FlowsTool, LinkHeadersAreAdaptedToEthernet) {
     }
 }
 
+// Each packet of a pcapng file is read by its interface's link type and, with a filter, filtered
+// by it; the packets of a link type the tool does not read are counted.
+TEST_F(FlowsTool, PcapngInterfacesKeepTheirLinkTypes) {
+    const std::vector<uint8_t> udp =
+        Frame().ipv4("10.0.0.5", "10.0.0.6").udp(53, 5353).payload(10).build();
+    // 802.11, Ethernet and raw IP (interface 2, its snapshot length cutting the packet).
+    const Pcapng file = pcapng(kMixed).interface(101, 40).packet(2, 2e9, udp).packet(0, 2e9, udp);
+    tool.write("three.pcapng", file.bytes());
+    const std::tuple<const char *, size_t, const char *> cases[] = {
+        {"", 5, "1 packets were skipped: link type IEEE802_11 not read (1)"},
+        {"udp", 2, "flows created        2"},  // the 802.11 packet is no UDP to the filter
+    };
+    for (const auto &[filter, flows, message] : cases) {
+        const ToolResult r = tool.run(
+            tool.words("flows -r three.pcapng --format json --stats " + std::string(filter)));
+        EXPECT_EQ(r.exit_code, 0) << r.err;
+        EXPECT_EQ(json_lines(r.out).size(), flows) << filter << r.out;
+        EXPECT_THAT(r.out, HasSubstr("\"src_ip\":\"10.0.0.5\""));
+        EXPECT_THAT(r.err, HasSubstr(message));
+    }
+}
+
 // Every way a command is refused, with its exit status and part of the message that says why.
 TEST_F(FlowsTool, ExitStatusesTellWhatWentWrong) {
     capture("good.pcap", kMixed);
     capture("wifi.pcap", kMixed, 105);
     capture("cut.pcap", kMixed, kLinkEthernet, 10);
     tool.write("garbage.pcap", "this is not a capture file at all");
+    const std::vector<uint8_t> udp = Frame().ipv4("10.0.0.1", "10.0.0.2").udp(1, 2).build();
+    tool.write("wifi.pcapng", Pcapng().interface(105, 0).packet(0, 0, udp).bytes());
+    const std::string raw = Pcapng().interface(101, 0).packet(0, 0, udp).packet(0, 0, udp).bytes();
+    tool.write("raw.pcapng", raw);
+    tool.write("cut.pcapng", raw.substr(0, raw.size() - 1));
     tool.write("bad.key", "not a key");
     tool.write("bad.allow", "# a comment, a blank line and no key\n\nnot a key\n");
     tool.write("secret.allow", "secret-key " + std::string(40, '0') + "\n");
@@ -257,6 +295,9 @@ TEST_F(FlowsTool, ExitStatusesTellWhatWentWrong) {
         {"flows -r GOOD -F no.bpf", 66, "no.bpf"},
         {"flows -r garbage.pcap", 65, "not a capture"},
         {"flows -r wifi.pcap", 65, "IEEE802_11"},
+        {"flows -r wifi.pcapng", 65, "IEEE802_11"},
+        {"flows -r raw.pcapng ether host 1:2:3:4:5:6", 64, "does not compile"},
+        {"flows -r cut.pcapng -w /dev/null", 65, "damaged after 1 packets (a block cut short"},
         {"flows -r cut.pcap -w /dev/null", 65, "damaged after 6 packets"},
         {"flows -r GOOD -w no/out", 74, "cannot create"},
         {"flows -r GOOD -w /dev/full", 74, "No space left"},
