@@ -105,7 +105,8 @@ int read_file(PacketSource &source, const std::string &filter, Loop &loop) {
     using Read = PacketSource::Read;
     while (!loop.should_stop()) {
         const Read read = source.read(loop.batch(kFileBatch), take_packet, &loop.run);
-        if (read == Read::kEnd || read == Read::kStopped) break;
+        // A stop signal that cuts a blocking read short (a pipe) ends the input as well.
+        if (read == Read::kEnd || read == Read::kStopped || stop_requested()) break;
         if (read == Read::kDamaged) {
             loop.progress.clear();
             complain("%s is damaged after %llu packets (%s); the flows read so far are written",
@@ -230,6 +231,7 @@ bool read_input(const std::string &input, bool live, const std::string &filter, 
                                                ? PacketSource::open_live(input, &error, &open_code)
                                                : PacketSource::open_file(input, &error, &open_code);
     if (source == nullptr) {
+        if (stop_requested()) return true;  // interrupted while a FIFO waited for its writer
         loop.progress.clear();
         complain("%s", error.c_str());
         *exit_code = worse_exit(*exit_code, open_code);

@@ -32,7 +32,7 @@ size_t read_head(int fd, uint8_t *to, size_t size) {
     size_t got = 0;
     while (got < size) {
         const ssize_t n = read(fd, to + got, size - got);
-        if (n < 0 && errno == EINTR) continue;
+        if (n < 0 && errno == EINTR && !stop_requested()) continue;
         if (n <= 0) break;
         got += size_t(n);
     }

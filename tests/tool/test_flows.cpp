@@ -2,6 +2,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 
@@ -334,6 +336,31 @@ TEST_F(FlowsTool, ClosedOutputPipeIsAnOutputError) {
         tool.finish(tool.spawn({"sh", "-c", script, QUELM_TOOL_PATH, capture("m.pcap", kMixed)}));
     EXPECT_EQ(r.exit_code, 74);
     EXPECT_THAT(r.err, HasSubstr("Broken pipe"));
+}
+
+// Ctrl-C while the tool waits for more of a FIFO ends the input: the flows are written, exit 0.
+TEST_F(FlowsTool, InterruptWhileReadingAFifoWritesTheFlows) {
+    for (const std::string &bytes :
+         {read_file(capture("m.pcap", kMixed)), pcapng(kMixed).bytes()}) {
+        const std::string fifo = tool.path("fifo");
+        ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+        const pid_t pid = tool.spawn({QUELM_TOOL_PATH, "flows", "-r", fifo, "--format", "json"});
+        const int fd = open(fifo.c_str(), O_WRONLY | O_CLOEXEC);  // the writer stays: no end
+        ASSERT_EQ(write(fd, bytes.data(), bytes.size()), ssize_t(bytes.size()));
+        // Read when the FIFO is empty and the tool asleep, waiting for more.
+        EXPECT_TRUE(eventually([fd, pid] {
+            int unread = 0;
+            const std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
+            return ioctl(fd, FIONREAD, &unread) == 0 && unread == 0 &&
+                   stat.substr(stat.rfind(')') + 2, 1) == "S";
+        }));
+        kill(pid, SIGINT);
+        const ToolResult r = tool.finish(pid);
+        close(fd);
+        unlink(fifo.c_str());
+        EXPECT_EQ(r.exit_code, 0) << r.err;
+        EXPECT_EQ(json_lines(r.out).size(), 4u) << r.err;
+    }
 }
 
 bool shell(const std::string &command) {
