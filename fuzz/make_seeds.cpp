@@ -1,13 +1,11 @@
 // make_seeds DIR: DIR/table/*, an HTTP exchange behind every layer and tunnel the decoder knows,
-// ICMP and fragments; DIR/packet/*, conversations the engine detects; DIR/pcapng/*, capture files
-// of interfaces of several link types, in both byte orders.
+// ICMP and fragments; DIR/packet/*, conversations the engine detects.
 #include <filesystem>
 #include <fstream>
 #include <string_view>
 #include <vector>
 
 #include "packet_builder.h"
-#include "pcapng_builder.h"
 
 namespace {
 
@@ -90,21 +88,6 @@ int main(int argc, char **argv) {
         const std::filesystem::path path = std::filesystem::path(argv[1]) / seed.name;
         std::filesystem::create_directories(path.parent_path());
         std::ofstream(path, std::ios::binary) << out;
-    }
-    // Ethernet and raw IP in nanoseconds, a block to skip, a simple packet; then a second section.
-    for (const bool swapped : {false, true}) {
-        const std::vector<Bytes> eth = http(l2), raw = http([](bool) { return Frame(); });
-        quelm_test::Pcapng file(swapped);
-        file.interface(1, 262144).interface(101, 96, 9);
-        for (size_t i = 0; i < eth.size(); ++i)
-            file.packet(uint32_t(i % 2), (i + 1) * (i % 2 ? 1000000000 : 1000000),
-                        i % 2 ? raw[i] : eth[i]);
-        file.block(0x0BAD, {1, 2}).simple(200, eth[0]);
-        file.section().interface(113, 0, 0x80 | 20).packet(0, 1 << 20, Bytes(40, 0x45));
-        std::filesystem::create_directories(std::filesystem::path(argv[1]) / "pcapng");
-        std::ofstream(std::filesystem::path(argv[1]) / "pcapng" / (swapped ? "swapped" : "native"),
-                      std::ios::binary)
-            << file.bytes();
     }
     return 0;
 }

@@ -45,6 +45,8 @@ class Pcapng {
         return *this;
     }
     std::string bytes() const { return b_; }
+
+  private:
     // The word that holds two 16-bit fields, `a` first.
     uint32_t pair(uint16_t a, uint16_t b) const {
         const uint16_t halves[2] = {swapped_ ? __builtin_bswap16(a) : a,
@@ -53,8 +55,6 @@ class Pcapng {
         std::memcpy(&word, halves, 4);
         return swapped_ ? __builtin_bswap32(word) : word;  // as put() swaps it back
     }
-
-  private:
     void put(uint32_t v) {
         if (swapped_) v = __builtin_bswap32(v);
         b_.append(reinterpret_cast<const char *>(&v), 4);

@@ -2,6 +2,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <iomanip>
+#include <sstream>
+
 #include "pcapng_builder.h"
 #include "pcapng_reader.h"
 
@@ -16,34 +19,21 @@ using Event = PcapngReader::Event;
 std::string trace(const std::string &bytes) {
     FILE *file = fmemopen(const_cast<char *>(bytes.data()), bytes.size(), "rb");
     PcapngReader reader(file);
-    std::string text;
+    std::ostringstream out;
     PcapngReader::Packet p;
-    for (Event event = Event::kSection; event != Event::kEnd && event != Event::kDamaged;) {
-        char item[160];
-        switch (event = reader.next(&p)) {
-            case Event::kPacket:
-                snprintf(item, sizeof item, " P%u %lld.%06u %u/%u", p.interface, (long long)p.sec,
-                         p.usec, p.caplen, p.len);
-                break;
-            case Event::kInterface: {
-                const PcapngReader::Interface &i = reader.interfaces().back();
-                snprintf(item, sizeof item, " I%u/%u", i.link_type, i.snaplen);
-                break;
-            }
-            case Event::kSection:
-                snprintf(item, sizeof item, " S");
-                break;
-            case Event::kEnd:
-                snprintf(item, sizeof item, " E");
-                break;
-            case Event::kDamaged:
-                snprintf(item, sizeof item, " D: %s", reader.error().c_str());
-                break;
-        }
-        text += item;
+    for (Event e = Event::kSection; e != Event::kEnd && e != Event::kDamaged;) {
+        e = reader.next(&p);
+        if (e == Event::kPacket)
+            out << " P" << p.interface << ' ' << p.sec << '.' << std::setw(6) << std::setfill('0')
+                << p.usec << ' ' << p.caplen << '/' << p.len;
+        if (e == Event::kInterface)
+            out << " I" << reader.interfaces().back().link_type << '/'
+                << reader.interfaces().back().snaplen;
+        out << (e == Event::kSection ? " S" : e == Event::kEnd ? " E" : "");
+        if (e == Event::kDamaged) out << " D: " << reader.error();
     }
     fclose(file);
-    return text;
+    return out.str();
 }
 
 const std::vector<uint8_t> k60(60, 0x45), k100(100, 0x45);
@@ -70,8 +60,6 @@ TEST(PcapngReader, ReadsWhatIsThereAndStopsAtDamage) {
     const std::string good = two_link_types(false).bytes();
     std::string bad_trailer = good;
     bad_trailer.back() ^= 1;
-    Pcapng version_2;
-    version_2.block(0x0A0D0D0A, {0x1A2B3C4D, version_2.pair(2, 0), ~0u, ~0u});
     const struct {
         std::string bytes, expected;
     } cases[] = {
@@ -87,8 +75,6 @@ TEST(PcapngReader, ReadsWhatIsThereAndStopsAtDamage) {
          "P2 3.500000 60/60 D: a block cut short (block at byte 452)"},
         {Pcapng().interface(1, 0).packet(0, 0, k60, 200).bytes(),
          " I1/0 D: packet data past its block"},
-        {version_2.bytes(), " S D: a section of format version 2"},
-        {Pcapng().simple(60, k60).bytes(), " S D: a simple packet block before any interface"},
     };
     for (const auto &c : cases)
         EXPECT_THAT(trace(c.bytes), ::testing::HasSubstr(c.expected));
