@@ -8,11 +8,12 @@
 #include <cstdarg>
 #include <cstdio>
 #include <ctime>
-#include <map>
 #include <cstring>
+#include <map>
 
 #include "exit_codes.h"
 #include "input_files.h"
+#include "interface_links.h"
 #include "link_adapter.h"
 #include "packet_source.h"
 #include "run_report.h"
@@ -50,20 +51,36 @@ const std::map<std::string, Format> kFormats = {{"text", Format::kText}, {"json"
 // Everything the per-packet callback needs, in one place.
 struct Run {
     quelm_table *table = nullptr;
-    LinkAdapter *adapter = nullptr;
+    InterfaceLinks *links = nullptr;
     quelm_packet_ext ext = {};
     uint64_t packets = 0;
     uint64_t bytes = 0;
+    ToolRefusals refusals;
 };
 
-void on_packet(u_char *user, const pcap_pkthdr *h, const u_char *bytes) noexcept {
-    Run &run = *reinterpret_cast<Run *>(user);
-    const AdaptedFrame frame = run.adapter->adapt(bytes, h->caplen, h->len);
-    const quelm_packet_header header = {{h->ts.tv_sec, h->ts.tv_usec}, frame.caplen, frame.len};
+void take_packet(void *user, uint32_t interface, const pcap_pkthdr &h,
+                 const u_char *bytes) noexcept {
+    Run &run = *static_cast<Run *>(user);
+    InterfaceLink &link = run.links->of(interface);
+    if (link.filtered && pcap_offline_filter(&link.filter, &h, bytes) == 0) return;
+    run.packets++;
+    run.bytes += h.len;
+    if (!link.adapter.has_value()) {
+        run.refusals.link_types[link.link_type]++;
+        return;
+    }
+    const AdaptedFrame frame = link.adapter->adapt(bytes, h.caplen, h.len);
+    if (frame.refusal != LinkRefusal::kNone) {
+        run.refusals.frames[frame.refusal]++;
+        return;
+    }
+    const quelm_packet_header header = {{h.ts.tv_sec, h.ts.tv_usec}, frame.caplen, frame.len};
     run.ext.if_index = frame.if_index;
     quelm_process(run.table, frame.data, &header, &run.ext);
-    run.packets++;
-    run.bytes += h->len;
+}
+
+void on_packet(u_char *user, const pcap_pkthdr *h, const u_char *bytes) noexcept {
+    take_packet(user, 0, *h, bytes);
 }
 
 void on_flow(quelm_flow *flow, void *user) noexcept {
@@ -84,17 +101,24 @@ struct Loop {
     bool should_stop() const { return stop_requested() || sink.failed() || limit_reached(); }
 };
 
-int read_file(PacketSource &source, Loop &loop) {
+int read_file(PacketSource &source, const std::string &filter, Loop &loop) {
+    using Read = PacketSource::Read;
     while (!loop.should_stop()) {
-        const int n = pcap_dispatch(source.handle(), loop.batch(kFileBatch), on_packet,
-                                    reinterpret_cast<u_char *>(&loop.run));
-        if (n == 0 || n == PCAP_ERROR_BREAK) break;  // end of file, or a stop signal
-        if (n == PCAP_ERROR) {
+        const Read read = source.read(loop.batch(kFileBatch), take_packet, &loop.run);
+        // A stop signal that cuts a blocking read short (a pipe) ends the input as well.
+        if (read == Read::kEnd || read == Read::kStopped || stop_requested()) break;
+        if (read == Read::kDamaged) {
             loop.progress.clear();
             complain("%s is damaged after %llu packets (%s); the flows read so far are written",
                      source.name().c_str(), (unsigned long long)loop.run.packets,
-                     pcap_geterr(source.handle()));
+                     source.error().c_str());
             return kExitDataError;
+        }
+        std::string error;
+        if (read == Read::kInterfaces && !loop.run.links->update(source, filter, &error)) {
+            loop.progress.clear();
+            complain("%s", error.c_str());
+            return kExitUsage;
         }
         loop.progress.update(source.fraction_read(), loop.run.packets,
                              quelm_get_stats(loop.run.table)->active_flows);
@@ -188,6 +212,16 @@ quelm_table *open_table(const FlowsOptions &o, int *exit_code) {
     return table;
 }
 
+// Says that the tool reads none of `source`'s link types.
+void refuse_link_type(const PacketSource &source, int link_type, Loop &loop, int *exit_code) {
+    loop.progress.clear();
+    complain(
+        "%s: %s is not supported; quelm reads Ethernet, Linux cooked (SLL, SLL2), "
+        "raw IP and BSD loopback captures",
+        source.name().c_str(), LinkAdapter::describe(link_type).c_str());
+    *exit_code = worse_exit(*exit_code, kExitDataError);
+}
+
 // Reads one capture file or interface into the table; false when the rest should not be read
 // (a filter that does not compile).
 bool read_input(const std::string &input, bool live, const std::string &filter, Loop &loop,
@@ -198,21 +232,19 @@ bool read_input(const std::string &input, bool live, const std::string &filter, 
                                                ? PacketSource::open_live(input, &error, &open_code)
                                                : PacketSource::open_file(input, &error, &open_code);
     if (source == nullptr) {
+        if (stop_requested()) return true;  // interrupted while a FIFO waited for its writer
         loop.progress.clear();
         complain("%s", error.c_str());
         *exit_code = worse_exit(*exit_code, open_code);
         return true;
     }
-    if (!LinkAdapter::supports(source->link_type())) {
-        loop.progress.clear();
-        complain(
-            "%s: %s is not supported; quelm reads Ethernet, Linux cooked (SLL, SLL2), "
-            "raw IP and BSD loopback captures",
-            source->name().c_str(), LinkAdapter::describe(source->link_type()).c_str());
-        *exit_code = worse_exit(*exit_code, kExitDataError);
+    // A pcapng file's interfaces are known once it is read; the others' now.
+    int link_type = source->pcapng() ? -1 : source->interfaces()[0].link_type;
+    if (!source->pcapng() && !LinkAdapter::supports(link_type)) {
+        refuse_link_type(*source, link_type, loop, exit_code);
         return true;
     }
-    if (!filter.empty() && !source->set_filter(filter, &error)) {
+    if (!filter.empty() && !source->pcapng() && !source->set_filter(filter, &error)) {
         loop.progress.clear();
         complain("%s", error.c_str());
         *exit_code = worse_exit(*exit_code, kExitUsage);
@@ -220,20 +252,30 @@ bool read_input(const std::string &input, bool live, const std::string &filter, 
     }
     if (live)
         fprintf(stderr, "quelm flows: capturing on %s, %s\n", source->name().c_str(),
-                LinkAdapter::describe(source->link_type()).c_str());
-    LinkAdapter adapter(source->link_type());
-    loop.run.adapter = &adapter;
+                LinkAdapter::describe(link_type).c_str());
+    InterfaceLinks links;
+    links.update(*source, filter, &error);
+    loop.run.links = &links;
+    const uint64_t packets = loop.run.packets, bytes = loop.run.bytes;
+    const ToolRefusals refusals = loop.run.refusals;
     set_active_capture(source->handle());
-    const int read_code = live ? capture_live(*source, loop) : read_file(*source, loop);
+    const int read_code = live ? capture_live(*source, loop) : read_file(*source, filter, loop);
     set_active_capture(nullptr);
-    loop.run.adapter = nullptr;
+    loop.run.links = nullptr;
+    if (read_code == kExitOk && links.none_read(&link_type)) {
+        // Not a packet for the table: the file is refused, as a pcap file of that link type is.
+        loop.run.packets = packets;
+        loop.run.bytes = bytes;
+        loop.run.refusals = refusals;
+        refuse_link_type(*source, link_type, loop, exit_code);
+    }
     *exit_code = worse_exit(*exit_code, read_code);
     pcap_stat ps;
     if (live && pcap_stats(source->handle(), &ps) == 0) {
         summary.kernel_drops = ps.ps_drop;
         summary.interface_drops = ps.ps_ifdrop;
     }
-    return true;
+    return read_code != kExitUsage;
 }
 
 }  // namespace
@@ -468,6 +510,7 @@ int run_flows(const FlowsOptions &o) {
         summary.packets = run.packets;
         summary.bytes = run.bytes;
         summary.table = quelm_get_stats(table);
+        summary.refusals = &run.refusals;
         summary.flows_written = writer.flows_written();
         summary.slices_written = writer.slices_written();
         summary.seconds = now_seconds() - started;
@@ -481,7 +524,8 @@ int run_flows(const FlowsOptions &o) {
         }
         if (o.detection.enabled) print_protocol_totals(stderr, writer.protocol_totals());
     }
-    warn_losses("quelm flows", *quelm_get_stats(table), {o.max_packet_len, o.strict_decoding});
+    warn_losses("quelm flows", *quelm_get_stats(table), {o.max_packet_len, o.strict_decoding},
+                run.refusals);
     if (exporting) exporter.report();
     quelm_destroy_table(table);
     return exit_code;

@@ -1,7 +1,10 @@
 #include "run_report.h"
 
+#include <pcap/pcap.h>
+
 #include <ctime>
 #include <string>
+#include <utility>
 
 namespace quelm_tool {
 namespace {
@@ -25,7 +28,41 @@ void human(double v, char *out, size_t size) {
 constexpr const char *kNotDecodedNames[QUELM_NOT_DECODED_REASONS] = {
     "too long", "truncated", "not IP", "bad header", "later fragments", "nested too deep"};
 
+std::string refusal_name(LinkRefusal refusal) {
+    switch (refusal) {
+        case LinkRefusal::kNone:
+            break;
+        case LinkRefusal::kEncrypted:
+            return "encrypted 802.11 frames";
+    }
+    return "refused";
+}
+
+// The tool's reasons with their counts, link types first.
+std::vector<std::pair<std::string, uint64_t>> tool_reasons(const ToolRefusals &tool) {
+    std::vector<std::pair<std::string, uint64_t>> reasons;
+    for (const auto &[link_type, count] : tool.link_types) {
+        const char *name = pcap_datalink_val_to_name(link_type);
+        reasons.emplace_back("link type " +
+                                 (name != nullptr ? std::string(name) : std::to_string(link_type)) +
+                                 " not read",
+                             count);
+    }
+    for (const auto &[refusal, count] : tool.frames)
+        reasons.emplace_back(refusal_name(refusal), count);
+    return reasons;
+}
+
 }  // namespace
+
+uint64_t ToolRefusals::total() const {
+    uint64_t sum = 0;
+    for (const auto &entry : link_types)
+        sum += entry.second;
+    for (const auto &entry : frames)
+        sum += entry.second;
+    return sum;
+}
 
 double now_seconds() {
     timespec ts;
@@ -62,13 +99,16 @@ void print_summary(FILE *out, const RunSummary &s) {
     };
     line("packets", s.packets);
     line("bytes", s.bytes);
-    line("not decoded", t.packets_not_decoded);
+    const ToolRefusals none, &tool = s.refusals != nullptr ? *s.refusals : none;
+    line("not decoded", t.packets_not_decoded + tool.total());
     for (int r = 0; r < QUELM_NOT_DECODED_REASONS; r++)
         if (t.not_decoded[r] != 0)
             fprintf(out, "  %-18s %llu\n", kNotDecodedNames[r],
                     (unsigned long long)t.not_decoded[r]);
     if (t.fragments_no_flow != 0)
         fprintf(out, "    %-16s %llu\n", "without flow", (unsigned long long)t.fragments_no_flow);
+    for (const auto &[reason, count] : tool_reasons(tool))
+        fprintf(out, "  %-18s %llu\n", reason.c_str(), (unsigned long long)count);
     line("flows created", t.total_flows);
     fprintf(out, "%-20s %llu (%llu slices)\n", "flows written", (unsigned long long)s.flows_written,
             (unsigned long long)s.slices_written);
@@ -90,7 +130,8 @@ void print_protocol_totals(FILE *out, const std::vector<ProtocolTotals> &totals)
                 (unsigned long long)t.packets, (unsigned long long)t.bytes);
 }
 
-void warn_losses(const char *command, const quelm_stats &t, const DecodeSettings &settings) {
+void warn_losses(const char *command, const quelm_stats &t, const DecodeSettings &settings,
+                 const ToolRefusals &tool) {
     // Each way to make no flow, with what it means and what helps. Later fragments credited to
     // their flow are not among them.
     struct Loss {
@@ -107,25 +148,31 @@ void warn_losses(const char *command, const quelm_stats &t, const DecodeSettings
         {n[QUELM_NOT_DECODED_TRUNCATED], "cut short by the capture's snapshot length", ""},
         {n[QUELM_NOT_DECODED_NOT_IP], "not IP", decode_help},
         {n[QUELM_NOT_DECODED_BAD_HEADER], "with a bad IP or transport header", decode_help},
-        {t.fragments_no_flow, "fragments whose first fragment was not seen", ""},
+        {t.fragments_no_flow, "later fragments whose first fragment was not seen", ""},
         {n[QUELM_NOT_DECODED_TOO_DEEP], "nested too deep", ""},
-        {t.flows_no_room, "no room for a new flow", " (see --max-flows)"},
-        {t.flows_no_memory, "no memory for a new flow", " (see --max-flows)"},
+        {t.flows_no_room, "with no room for a new flow", " (see --max-flows)"},
+        {t.flows_no_memory, "with no memory for a new flow", " (see --max-flows)"},
     };
+    std::vector<Loss> all(std::begin(losses), std::end(losses));
+    for (const auto &[link_type, count] : tool.link_types)
+        all.push_back(
+            {count, "of " + LinkAdapter::describe(link_type) + ", which quelm does not read", ""});
+    for (const auto &[refusal, count] : tool.frames)
+        all.push_back({count, refusal_name(refusal), ""});
     uint64_t total = 0;
-    const Loss *main = &losses[0];
-    for (const Loss &l : losses) {
+    const Loss *main = &all[0];
+    for (const Loss &l : all) {
         total += l.packets;
         if (l.packets > main->packets) main = &l;
     }
     if (total == 0) return;
-    fprintf(stderr, "%s: warning: %llu of %llu packets made no flow: %llu %s%s", command,
-            (unsigned long long)total, (unsigned long long)t.packets,
-            (unsigned long long)main->packets, main->what.c_str(), main->help);
-    if (total != main->packets)
-        fprintf(stderr, ", %llu for other reasons (see --stats)",
-                (unsigned long long)(total - main->packets));
-    fputc('\n', stderr);
+    fprintf(stderr, "%s: warning: %llu of %llu packets made no flow", command,
+            (unsigned long long)total, (unsigned long long)(t.packets + tool.total()));
+    if (total == main->packets)
+        fprintf(stderr, ": %s%s\n", main->what.c_str(), main->help);
+    else
+        fprintf(stderr, ", %llu of them %s%s, the others for other reasons (see --stats)\n",
+                (unsigned long long)main->packets, main->what.c_str(), main->help);
 }
 
 }  // namespace quelm_tool

@@ -6,9 +6,11 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <map>
 #include <vector>
 
 #include "flow_writer.h"
+#include "link_adapter.h"
 
 namespace quelm_tool {
 
@@ -32,10 +34,18 @@ class ProgressLine {
     double last_ = 0;
 };
 
+// Packets the tool keeps from the library, by reason.
+struct ToolRefusals {
+    std::map<int, uint64_t> link_types;      // of interfaces whose link type the tool cannot read
+    std::map<LinkRefusal, uint64_t> frames;  // refused by the link adapter
+    uint64_t total() const;
+};
+
 struct RunSummary {
     uint64_t packets = 0;  // packets read from the inputs
     uint64_t bytes = 0;    // their wire length
     const quelm_stats *table = nullptr;
+    const ToolRefusals *refusals = nullptr;
     uint64_t flows_written = 0;
     uint64_t slices_written = 0;
     double seconds = 0;
@@ -52,7 +62,8 @@ struct DecodeSettings {
 };
 // One warning at the end of a run when packets reached no flow (not decoded, a fragment without
 // its flow, no room or memory for a new flow): how many, the main reason and what helps.
-void warn_losses(const char *command, const quelm_stats &t, const DecodeSettings &settings);
+void warn_losses(const char *command, const quelm_stats &t, const DecodeSettings &settings,
+                 const ToolRefusals &tool = {});
 // A table of flows, packets and bytes per application protocol, in the order given.
 void print_protocol_totals(FILE *out, const std::vector<ProtocolTotals> &totals);
 

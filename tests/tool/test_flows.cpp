@@ -2,11 +2,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 
 #include "flow_writer.h"
 #include "packet_builder.h"
+#include "pcapng_builder.h"
 #include "tool_runner.h"
 
 namespace quelm_test {
@@ -68,11 +71,20 @@ class FlowsTool : public ::testing::Test {
         std::ofstream(tool.path(name), std::ios::binary) << b.substr(0, b.size() - cut_last);
         return tool.path(name);
     }
+    // The same packets as pcapng, in the other byte order, after an interface of 802.11.
+    Pcapng pcapng(const std::vector<CapturedPacket> &packets) {
+        Pcapng file(true);
+        file.interface(105, 0).interface(kLinkEthernet, 262144);
+        for (const CapturedPacket &p : packets)
+            file.packet(1, uint64_t(p.sec) * 1000000 + uint64_t(p.usec), p.data);
+        return file;
+    }
     ToolRunner tool;
 };
 
 TEST_F(FlowsTool, OutputsEqualTheirBaselines) {
     capture("mixed.pcap", kMixed);
+    tool.write("mixed.pcapng", pcapng(kMixed).bytes());
     capture("cut.pcap", kMixed, kLinkEthernet, 10);
     Frame vxlan;
     vxlan.eth().ipv4("192.0.2.1", "192.0.2.2").udp(40000, 4789).bytes({8, 0, 0, 0, 0, 0, 42, 0});
@@ -91,6 +103,7 @@ TEST_F(FlowsTool, OutputsEqualTheirBaselines) {
                "[shunt]\nDNS = many\nTLS = 300\n[global]\ncolour = blue\n[firewall]\n");
     const std::pair<const char *, const char *> cases[] = {
         {"mixed.json", "flows -r mixed.pcap --format json"},  // TCP, IPv6, ICMP, VLAN fields
+        {"mixed.json", "flows -r mixed.pcapng --format json"},
         {"vxlan.json", "flows -r vxlan.pcap --format json"},  // the outer flow only (VNI 42)
         {"cut.json", "flows -r cut.pcap --format json"},  // the flows before the damage; exit 65
         {"vxlan-tunnels.json", "flows -r vxlan.pcap --format json --tunnels"},
@@ -220,6 +233,13 @@ TEST_F(FlowsTool, ExitStatusesTellWhatWentWrong) {
     capture("wifi.pcap", kMixed, 105);
     capture("cut.pcap", kMixed, kLinkEthernet, 10);
     tool.write("garbage.pcap", "this is not a capture file at all");
+    const std::vector<uint8_t> udp = Frame().ipv4("10.0.0.1", "10.0.0.2").udp(1, 2).build();
+    tool.write("wifi.pcapng", Pcapng().interface(105, 0).packet(0, 0, udp).bytes());
+    // 802.11, Ethernet and raw IP
+    const std::string three =
+        pcapng(kMixed).interface(101, 0).packet(2, 2e9, udp).packet(0, 2e9, udp).bytes();
+    tool.write("three.pcapng", three);
+    tool.write("cut.pcapng", three.substr(0, three.size() - 1));
     tool.write("bad.key", "not a key");
     tool.write("bad.allow", "# a comment, a blank line and no key\n\nnot a key\n");
     tool.write("secret.allow", "secret-key " + std::string(40, '0') + "\n");
@@ -257,6 +277,13 @@ TEST_F(FlowsTool, ExitStatusesTellWhatWentWrong) {
         {"flows -r GOOD -F no.bpf", 66, "no.bpf"},
         {"flows -r garbage.pcap", 65, "not a capture"},
         {"flows -r wifi.pcap", 65, "IEEE802_11"},
+        {"flows -r wifi.pcapng", 65, "IEEE802_11"},
+        {"flows -r three.pcapng", 0,
+         "1 of 9 packets made no flow: of link type IEEE802_11 (105), which"},
+        {"flows -r three.pcapng --stats", 0, "IEEE802_11 not read 1\nflows created        5"},
+        {"flows -r three.pcapng --stats udp", 0, "flows created        2"},
+        {"flows -r three.pcapng ether host 1:2:3:4:5:6", 64, "does not compile"},  // raw IP
+        {"flows -r cut.pcapng -w /dev/null", 65, "damaged after 8 packets (a block cut short"},
         {"flows -r cut.pcap -w /dev/null", 65, "damaged after 6 packets"},
         {"flows -r GOOD -w no/out", 74, "cannot create"},
         {"flows -r GOOD -w /dev/full", 74, "No space left"},
@@ -293,6 +320,31 @@ TEST_F(FlowsTool, ClosedOutputPipeIsAnOutputError) {
         tool.finish(tool.spawn({"sh", "-c", script, QUELM_TOOL_PATH, capture("m.pcap", kMixed)}));
     EXPECT_EQ(r.exit_code, 74);
     EXPECT_THAT(r.err, HasSubstr("Broken pipe"));
+}
+
+// Ctrl-C while the tool waits for more of a FIFO ends the input: the flows are written, exit 0.
+TEST_F(FlowsTool, InterruptWhileReadingAFifoWritesTheFlows) {
+    for (const std::string &bytes :
+         {read_file(capture("m.pcap", kMixed)), pcapng(kMixed).bytes()}) {
+        const std::string fifo = tool.path("fifo");
+        ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+        const pid_t pid = tool.spawn({QUELM_TOOL_PATH, "flows", "-r", fifo, "--format", "json"});
+        const int fd = open(fifo.c_str(), O_WRONLY | O_CLOEXEC);  // the writer stays: no end
+        ASSERT_EQ(write(fd, bytes.data(), bytes.size()), ssize_t(bytes.size()));
+        // Read when the FIFO is empty and the tool asleep, waiting for more.
+        EXPECT_TRUE(eventually([fd, pid] {
+            int unread = 0;
+            const std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
+            return ioctl(fd, FIONREAD, &unread) == 0 && unread == 0 &&
+                   stat.substr(stat.rfind(')') + 2, 1) == "S";
+        }));
+        kill(pid, SIGINT);
+        const ToolResult r = tool.finish(pid);
+        close(fd);
+        unlink(fifo.c_str());
+        EXPECT_EQ(r.exit_code, 0) << r.err;
+        EXPECT_EQ(json_lines(r.out).size(), 4u) << r.err;
+    }
 }
 
 bool shell(const std::string &command) {
