@@ -180,18 +180,26 @@ std::vector<CapturedPacket> query(uint32_t link_type, bool ipv6) {
     ipv6 ? f.eth().ipv6("fd00::1", "fd00::2") : f.eth().ipv4("10.1.0.1", "10.1.0.2");
     f.udp(5000, 53).payload(12);
     const uint8_t hi = ipv6 ? 0x86 : 0x08, lo = ipv6 ? 0xDD : 0;  // the EtherType
+    // Radiotap with no fields, then 802.11 data from the access point: DA, BSSID, SA.
+    const std::vector<uint8_t> wifi = {0, 0,    8, 0,    0,    0,    0, 0, 0x08, 0x02, 0,  0, 2, 0,
+                                       0, 0,    0, 0x0B, 1,    1,    1, 1, 1,    1,    2,  0, 0, 0,
+                                       0, 0x0A, 0, 0,    0xAA, 0xAA, 3, 0, 0,    0,    hi, lo};
     std::map<uint32_t, std::vector<uint8_t>> headers = {
         {113, {0, 4, 0, 1, 0, 6, 2, 0, 0, 0, 0, 0x0A, 0, 0, hi, lo}},  // cooked: sent by this host
         {276, {hi, lo, 0, 0, 0, 0, 0, 3, 0, 1, 4, 6, 2, 0, 0, 0, 0, 0x0A, 0, 0}},
         {0, {uint8_t(ipv6 ? 10 : 2), 0, 0, 0}},  // the address family, in host order
-        {108, {0, 0, 0, uint8_t(ipv6 ? 24 : 2)}}};
+        {108, {0, 0, 0, uint8_t(ipv6 ? 24 : 2)}},
+        {9, {0xFF, 0x03, 0, uint8_t(ipv6 ? 0x57 : 0x21)}},
+        {107, {0x18, 0x41, 0x03, uint8_t(ipv6 ? 0x8E : 0xCC)}},
+        {127, wifi}};
     std::vector<uint8_t> &data = headers[link_type];
     const std::vector<uint8_t> rest = link_type == kLinkEthernet ? f.build() : f.build_ip();
     data.insert(data.end(), rest.begin(), rest.end());
     return {{7, 0, data}};
 }
 
-// Under every link type the record is the one of Ethernet; only cooked captures know a MAC.
+// Under every link type the record is the one of Ethernet; only cooked captures and 802.11 know
+// the sender's MAC.
 TEST_F(FlowsTool, LinkHeadersAreAdaptedToEthernet) {
     auto record = [this](uint32_t link_type, bool ipv6) {
         capture("link.pcap", query(link_type, ipv6), link_type);
@@ -199,13 +207,13 @@ TEST_F(FlowsTool, LinkHeadersAreAdaptedToEthernet) {
             json_lines(tool.run({"flows", "-r", "link.pcap", "--format", "json"}).out);
         return records.size() == 1 ? records[0] : Json::object();
     };
-    for (const std::string link :
-         {"113", "113 v6", "276", "101", "101 v6", "228", "229 v6", "0", "0 v6", "108"}) {
+    for (const std::string link : {"113", "113 v6", "276", "101", "101 v6", "228", "229 v6", "0",
+                                   "0 v6", "108", "9", "107 v6", "127 v6"}) {
         SCOPED_TRACE("link type " + link);
         const uint32_t link_type = std::stoul(link);
         const bool ipv6 = link.find("v6") != std::string::npos;
         Json ethernet = record(kLinkEthernet, ipv6), got = record(link_type, ipv6);
-        const bool cooked = link_type == 113 || link_type == 276;
+        const bool cooked = link_type == 113 || link_type == 276 || link_type == 127;
         EXPECT_EQ(got.value("/ether/src_mac"_json_pointer, ""),
                   cooked ? "02:00:00:00:00:0a" : "00:00:00:00:00:00");
         ethernet.erase("ether");
@@ -217,7 +225,7 @@ TEST_F(FlowsTool, LinkHeadersAreAdaptedToEthernet) {
 // Every way a command is refused, with its exit status and part of the message that says why.
 TEST_F(FlowsTool, ExitStatusesTellWhatWentWrong) {
     capture("good.pcap", kMixed);
-    capture("wifi.pcap", kMixed, 105);
+    capture("zigbee.pcap", kMixed, 195);
     capture("cut.pcap", kMixed, kLinkEthernet, 10);
     tool.write("garbage.pcap", "this is not a capture file at all");
     tool.write("bad.key", "not a key");
@@ -256,7 +264,7 @@ TEST_F(FlowsTool, ExitStatusesTellWhatWentWrong) {
         {"flows -r .", 66, "directory"},
         {"flows -r GOOD -F no.bpf", 66, "no.bpf"},
         {"flows -r garbage.pcap", 65, "not a capture"},
-        {"flows -r wifi.pcap", 65, "IEEE802_11"},
+        {"flows -r zigbee.pcap", 65, "IEEE802_15_4 (195) is not supported"},
         {"flows -r cut.pcap -w /dev/null", 65, "damaged after 6 packets"},
         {"flows -r GOOD -w no/out", 74, "cannot create"},
         {"flows -r GOOD -w /dev/full", 74, "No space left"},
