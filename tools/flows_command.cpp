@@ -205,8 +205,8 @@ bool read_input(const std::string &input, bool live, const std::string &filter, 
     if (!LinkAdapter::supports(source->link_type())) {
         loop.progress.clear();
         complain(
-            "%s: %s is not supported; quelm reads Ethernet, Linux cooked (SLL, SLL2), "
-            "raw IP and BSD loopback captures",
+            "%s: %s is not supported; the link types quelm reads IP over are listed in "
+            "quelm(1), under INPUT",
             source->name().c_str(), LinkAdapter::describe(source->link_type()).c_str());
         *exit_code = worse_exit(*exit_code, kExitDataError);
         return true;
