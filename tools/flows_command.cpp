@@ -216,8 +216,8 @@ quelm_table *open_table(const FlowsOptions &o, int *exit_code) {
 void refuse_link_type(const PacketSource &source, int link_type, Loop &loop, int *exit_code) {
     loop.progress.clear();
     complain(
-        "%s: %s is not supported; quelm reads Ethernet, Linux cooked (SLL, SLL2), "
-        "raw IP and BSD loopback captures",
+        "%s: %s is not supported; the link types quelm reads IP over are listed in quelm(1), "
+        "under INPUT",
         source.name().c_str(), LinkAdapter::describe(link_type).c_str());
     *exit_code = worse_exit(*exit_code, kExitDataError);
 }

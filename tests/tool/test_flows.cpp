@@ -71,10 +71,10 @@ class FlowsTool : public ::testing::Test {
         std::ofstream(tool.path(name), std::ios::binary) << b.substr(0, b.size() - cut_last);
         return tool.path(name);
     }
-    // The same packets as pcapng, in the other byte order, after an interface of 802.11.
+    // The same packets as pcapng, in the other byte order, after an interface of 802.15.4.
     Pcapng pcapng(const std::vector<CapturedPacket> &packets) {
         Pcapng file(true);
-        file.interface(105, 0).interface(kLinkEthernet, 262144);
+        file.interface(195, 0).interface(kLinkEthernet, 262144);
         for (const CapturedPacket &p : packets)
             file.packet(1, uint64_t(p.sec) * 1000000 + uint64_t(p.usec), p.data);
         return file;
@@ -193,18 +193,26 @@ std::vector<CapturedPacket> query(uint32_t link_type, bool ipv6) {
     ipv6 ? f.eth().ipv6("fd00::1", "fd00::2") : f.eth().ipv4("10.1.0.1", "10.1.0.2");
     f.udp(5000, 53).payload(12);
     const uint8_t hi = ipv6 ? 0x86 : 0x08, lo = ipv6 ? 0xDD : 0;  // the EtherType
+    // Radiotap with no fields, then 802.11 data from the access point: DA, BSSID, SA.
+    const std::vector<uint8_t> wifi = {0, 0,    8, 0,    0,    0,    0, 0, 0x08, 0x02, 0,  0, 2, 0,
+                                       0, 0,    0, 0x0B, 1,    1,    1, 1, 1,    1,    2,  0, 0, 0,
+                                       0, 0x0A, 0, 0,    0xAA, 0xAA, 3, 0, 0,    0,    hi, lo};
     std::map<uint32_t, std::vector<uint8_t>> headers = {
         {113, {0, 4, 0, 1, 0, 6, 2, 0, 0, 0, 0, 0x0A, 0, 0, hi, lo}},  // cooked: sent by this host
         {276, {hi, lo, 0, 0, 0, 0, 0, 3, 0, 1, 4, 6, 2, 0, 0, 0, 0, 0x0A, 0, 0}},
         {0, {uint8_t(ipv6 ? 10 : 2), 0, 0, 0}},  // the address family, in host order
-        {108, {0, 0, 0, uint8_t(ipv6 ? 24 : 2)}}};
+        {108, {0, 0, 0, uint8_t(ipv6 ? 24 : 2)}},
+        {9, {0xFF, 0x03, 0, uint8_t(ipv6 ? 0x57 : 0x21)}},
+        {107, {0x18, 0x41, 0x03, uint8_t(ipv6 ? 0x8E : 0xCC)}},
+        {127, wifi}};
     std::vector<uint8_t> &data = headers[link_type];
     const std::vector<uint8_t> rest = link_type == kLinkEthernet ? f.build() : f.build_ip();
     data.insert(data.end(), rest.begin(), rest.end());
     return {{7, 0, data}};
 }
 
-// Under every link type the record is the one of Ethernet; only cooked captures know a MAC.
+// Under every link type the record is the one of Ethernet; only cooked captures and 802.11 know
+// the sender's MAC.
 TEST_F(FlowsTool, LinkHeadersAreAdaptedToEthernet) {
     auto record = [this](uint32_t link_type, bool ipv6) {
         capture("link.pcap", query(link_type, ipv6), link_type);
@@ -212,13 +220,13 @@ TEST_F(FlowsTool, LinkHeadersAreAdaptedToEthernet) {
             json_lines(tool.run({"flows", "-r", "link.pcap", "--format", "json"}).out);
         return records.size() == 1 ? records[0] : Json::object();
     };
-    for (const std::string link :
-         {"113", "113 v6", "276", "101", "101 v6", "228", "229 v6", "0", "0 v6", "108"}) {
+    for (const std::string link : {"113", "113 v6", "276", "101", "101 v6", "228", "229 v6", "0",
+                                   "0 v6", "108", "9", "107 v6", "127 v6"}) {
         SCOPED_TRACE("link type " + link);
         const uint32_t link_type = std::stoul(link);
         const bool ipv6 = link.find("v6") != std::string::npos;
         Json ethernet = record(kLinkEthernet, ipv6), got = record(link_type, ipv6);
-        const bool cooked = link_type == 113 || link_type == 276;
+        const bool cooked = link_type == 113 || link_type == 276 || link_type == 127;
         EXPECT_EQ(got.value("/ether/src_mac"_json_pointer, ""),
                   cooked ? "02:00:00:00:00:0a" : "00:00:00:00:00:00");
         ethernet.erase("ether");
@@ -230,12 +238,12 @@ TEST_F(FlowsTool, LinkHeadersAreAdaptedToEthernet) {
 // Every way a command is refused, with its exit status and part of the message that says why.
 TEST_F(FlowsTool, ExitStatusesTellWhatWentWrong) {
     capture("good.pcap", kMixed);
-    capture("wifi.pcap", kMixed, 105);
+    capture("zigbee.pcap", kMixed, 195);
     capture("cut.pcap", kMixed, kLinkEthernet, 10);
     tool.write("garbage.pcap", "this is not a capture file at all");
     const std::vector<uint8_t> udp = Frame().ipv4("10.0.0.1", "10.0.0.2").udp(1, 2).build();
-    tool.write("wifi.pcapng", Pcapng().interface(105, 0).packet(0, 0, udp).bytes());
-    // 802.11, Ethernet and raw IP
+    tool.write("zigbee.pcapng", Pcapng().interface(195, 0).packet(0, 0, udp).bytes());
+    // 802.15.4, Ethernet and raw IP
     const std::string three =
         pcapng(kMixed).interface(101, 0).packet(2, 2e9, udp).packet(0, 2e9, udp).bytes();
     tool.write("three.pcapng", three);
@@ -276,11 +284,11 @@ TEST_F(FlowsTool, ExitStatusesTellWhatWentWrong) {
         {"flows -r .", 66, "directory"},
         {"flows -r GOOD -F no.bpf", 66, "no.bpf"},
         {"flows -r garbage.pcap", 65, "not a capture"},
-        {"flows -r wifi.pcap", 65, "IEEE802_11"},
-        {"flows -r wifi.pcapng", 65, "IEEE802_11"},
+        {"flows -r zigbee.pcap", 65, "IEEE802_15_4 (195) is not supported"},
+        {"flows -r zigbee.pcapng", 65, "IEEE802_15_4"},
         {"flows -r three.pcapng", 0,
-         "1 of 9 packets made no flow: of link type IEEE802_11 (105), which"},
-        {"flows -r three.pcapng --stats", 0, "IEEE802_11 not read 1\nflows created        5"},
+         "1 of 9 packets made no flow: of link type IEEE802_15_4 (195), which"},
+        {"flows -r three.pcapng --stats", 0, "IEEE802_15_4 not read 1\nflows created        5"},
         {"flows -r three.pcapng --stats udp", 0, "flows created        2"},
         {"flows -r three.pcapng ether host 1:2:3:4:5:6", 64, "does not compile"},  // raw IP
         {"flows -r cut.pcapng -w /dev/null", 65, "damaged after 8 packets (a block cut short"},
