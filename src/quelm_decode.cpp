@@ -12,6 +12,7 @@
 #include "quelm_fragment_hash.h"
 #include "quelm_hash.h"
 
+#include <algorithm>
 #include <initializer_list>
 
 namespace {
@@ -63,6 +64,13 @@ struct Decoder {
     uint32_t inner_frame = 0;  // Ethernet header behind a VXLAN tunnel
 
     bool extended() const { return (ctx.flags & QUELM_FLAG_EXTENDED_DECODING) != 0; }
+    // The bytes behind an IP header of `header_len` by the wire length, at most 65535: the length
+    // of offloaded frames whose IP length field says 0.
+    uint16_t wire_payload(uint32_t header_len) const {
+        const uint64_t end = uint64_t{info.l3_offset} + header_len;
+        return uint16_t(info.header->len > end ? std::min<uint64_t>(info.header->len - end, 0xFFFF)
+                                               : 0);
+    }
     bool fits(uint32_t offset, uint32_t len) const { return uint64_t{offset} + len <= caplen; }
     bool refuse(quelm_not_decoded_reason reason) {
         why = reason;
@@ -343,6 +351,7 @@ bool Decoder::ip() {
         const uint32_t hlen = uint32_t(ip[0] & 0x0F) * 4;
         if (hlen == 0) return refuse(QUELM_NOT_DECODED_BAD_HEADER);
         info.l3_payload_len = uint16_t(rd16(ip + 2) - hlen);
+        if (rd16(ip + 2) == 0 && extended()) info.l3_payload_len = wire_payload(hlen);
         info.saddr_v4 = rd32(ip + 12);
         info.daddr_v4 = rd32(ip + 16);
         info.l4_protocol = ip[9];
@@ -360,6 +369,9 @@ bool Decoder::ip() {
 // at the transport header; the payload length loses what they take. A later fragment is credited
 // to its flow and refused.
 bool Decoder::ipv6_extensions(uint32_t &l4) {
+    // A jumbogram, as offloaded frames beyond 64 KiB are, has its length in a hop-by-hop option.
+    if (info.l3_payload_len == 0 && info.l4_protocol == kIpv6HopByHop)
+        info.l3_payload_len = wire_payload(40);
     for (int n = 0;; n++) {
         const uint8_t next = info.l4_protocol;
         if (!kIpv6Extensions.has(next)) return true;

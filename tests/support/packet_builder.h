@@ -117,6 +117,9 @@ class Frame {
         put({0, uint8_t(type == 51 ? len / 4 - 2 : len / 8 - 1)});
         return put(std::vector<uint8_t>(len - 2u, 0));
     }
+    // The length field of the last IP header (IPv6: its payload length), instead of the computed
+    // one.
+    Frame &ip_length(int n) { return ip_.back().total_length = n, *this; }
     Frame &ipv6_fragment(uint16_t offset, bool more, uint32_t id) {
         ip_proto(44);
         proto_at_ = b_.size();

@@ -108,6 +108,8 @@ const Row kRows[] = {  // caplen -1: the whole frame; wire 0: the frame's length
     {"mpls_carrying_ipv6_extended", X, Frame().eth().mpls(1, true).ipv6(C, D).udp(1, 2), "v=6 l3=18"},
     {"ipv6_extension_chain", X, Frame().eth().ipv6(C, D).ipv6_ext(0).ipv6_ext(43, 24).ipv6_ext(60).ipv6_ext(51, 16).ipv6_ext(135).udp(1, 2).payload(4), "proto=17 l4=118 plen=4 sport=1"},
     {"ipv6_8_extension_headers", X, v6_chain(8), "l4=118 plen=4"},
+    {"offloaded_ipv4_length_0", X, v4({.total_length = 0}).tcp(1, 2).payload(30), "plen=30"},
+    {"offloaded_ipv6_jumbogram", X, Frame().eth().ipv6(C, D).ip_length(0).ipv6_ext(0).tcp(1, 2).payload(30), "l4=62 plen=30"},
     {"ipv6_9_extension_headers", X, v6_chain(9), "why=too_deep"},
     {"ipv6_extension_cut", X, v6_chain(2), "why=truncated", 67},
     {"ipv6_first_fragment_keyed_on_ports", X, Frame().eth().ipv6(C, D).ipv6_fragment(0, true, 7).tcp(1, 443), "proto=6 l4=62 dport=443"},
