@@ -661,6 +661,24 @@ QUELM_API uint64_t quelm_flow_get_id(quelm_flow *flow);
 /* Views into the flow, valid while the caller holds its reference. */
 QUELM_API quelm_flow_key *quelm_flow_get_key(quelm_flow *flow);
 QUELM_API quelm_flow_value *quelm_flow_get_value(quelm_flow *flow);
+
+/* ---- Community ID -------------------------------------------------------------------------- */
+
+/* Bytes of a Community ID with its terminating NUL: "1:" and 28 base64 characters. */
+#define QUELM_COMMUNITY_ID_SIZE 31
+
+/* The Community ID (version 1) of a flow, the identifier other monitors compute for the same
+ * flow: "1:" and the base64 SHA-1 of `seed`, the endpoints ordered smaller first, the protocol
+ * and, for TCP, UDP and SCTP, the ports; ICMP and ICMPv6 use the type and the counterpart type
+ * (request and reply alike) or the code. Writes QUELM_COMMUNITY_ID_SIZE bytes into buf and
+ * returns the length (30), or -1 when size is smaller. */
+QUELM_API int quelm_flow_community_id(quelm_flow *flow, uint16_t seed, char *buf, size_t size);
+/* The same from a flow's endpoints, for records that are not flows of a table: addresses as in
+ * quelm_flow_key (IPv4: the host-order value in the first 4 bytes), ports in host order; for ICMP
+ * and ICMPv6, sport is the type and dport the code of a packet from saddr to daddr. */
+QUELM_API int quelm_community_id(uint8_t ip_version, const uint8_t saddr[16],
+                                 const uint8_t daddr[16], uint8_t protocol, uint16_t sport,
+                                 uint16_t dport, uint16_t seed, char *buf, size_t size);
 /* The engine's per-flow state, or NULL. */
 QUELM_API void *quelm_flow_get_pelda_handle(quelm_flow *flow);
 QUELM_API void quelm_flow_set_action(quelm_flow *flow, quelm_action action);

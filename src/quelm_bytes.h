@@ -15,6 +15,14 @@ inline uint32_t rd32(const uint8_t *p) {
     return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3];
 }
 
+// Big-endian writes.
+inline void wr16(uint8_t *p, uint16_t v) {
+    p[0] = uint8_t(v >> 8), p[1] = uint8_t(v);
+}
+inline void wr32(uint8_t *p, uint32_t v) {
+    wr16(p, uint16_t(v >> 16)), wr16(p + 2, uint16_t(v));
+}
+
 // The IPv4 address of a key's 16-byte address field, as the decoder stores it (host order).
 inline uint32_t key_ipv4(const uint8_t addr[16]) {
     uint32_t v;
