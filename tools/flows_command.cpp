@@ -346,7 +346,7 @@ void add_table_options(CLI::App &command, FlowsOptions &o) {
                     "KiB) and the largest snapshot length")
         ->type_name("BYTES")
         ->capture_default_str()
-        ->check(CLI::Range(64u, 262144u).description(""))
+        ->check(CLI::Range(64u, kLargestSnapshot).description(""))
         ->group(group);
     seconds_option(command, "--idle", o.idle,
                    "End a flow after more than SECONDS without a packet in either direction")

@@ -11,6 +11,7 @@
 #include "detection.h"
 #include "export_setup.h"
 #include "flow_writer.h"
+#include "link_adapter.h"
 
 namespace quelm_tool {
 
@@ -23,7 +24,7 @@ struct FlowsOptions {
     uint64_t count = 0;  // 0: no limit
     // Table (defaults are the library's)
     uint32_t max_flows = 512000;
-    uint32_t max_packet_len = 262144;  // the largest snapshot length; the library's is 16384
+    uint32_t max_packet_len = kLargestSnapshot;  // the library's is 16384
     uint32_t idle = 30;
     uint32_t lifetime = 120;
     uint32_t slice = 0;

@@ -29,7 +29,7 @@ constexpr uint16_t kEtherTypeIpv6 = 0x86DD;
 constexpr uint16_t kEtherTypeMpls = 0x8847;
 constexpr uint16_t kEtherTypeMplsMulticast = 0x8848;
 // Room for the largest snapshot length libpcap writes; bigger packets grow the buffer once.
-constexpr size_t kScratchSize = kEthernetHeaderLen + 262144;
+constexpr size_t kScratchSize = kEthernetHeaderLen + kLargestSnapshot;
 
 constexpr uint32_t kSllHeaderLen = 16, kSll2HeaderLen = 20, kNullHeaderLen = 4;
 constexpr uint32_t kMacLen = 6;  // a cooked header's address of this length is a MAC
@@ -81,6 +81,12 @@ constexpr uint32_t kIpoibEtherTypeAt = 40;
 
 constexpr uint32_t kFddiHeaderLen = 13;  // frame control + destination + source
 constexpr uint8_t kFddiClassMask = 0x30, kFddiClassLlc = 0x10;
+
+// ATM: LLC-multiplexed virtual circuits carry LLC/SNAP, others IP alone. SunATM puts flags, VPI and
+// VCI in front.
+constexpr uint32_t kSunAtmHeaderLen = 4;
+// IPNET: version, address family, hardware type, lengths, interface and zone ids; then IP.
+constexpr uint32_t kIpnetHeaderLen = 24;
 
 uint16_t read16(const uint8_t *p) {
     return uint16_t(p[0] << 8 | p[1]);
@@ -350,6 +356,24 @@ bool read_fddi(const uint8_t *p, uint32_t caplen, LinkHeader &h) {
     return read_llc_snap(p, caplen, kFddiHeaderLen, h);
 }
 
+bool read_atm(const uint8_t *p, uint32_t caplen, uint32_t at, LinkHeader &h) {
+    if (caplen >= at + sizeof kLlcSnap && std::memcmp(p + at, kLlcSnap, sizeof kLlcSnap) == 0)
+        return read_llc_snap(p, caplen, at, h);
+    return read_ip_version(p, caplen, at, h);
+}
+
+bool read_atm_llc(const uint8_t *p, uint32_t caplen, LinkHeader &h) {
+    return read_atm(p, caplen, 0, h);
+}
+
+bool read_sunatm(const uint8_t *p, uint32_t caplen, LinkHeader &h) {
+    return read_atm(p, caplen, kSunAtmHeaderLen, h);
+}
+
+bool read_ipnet(const uint8_t *p, uint32_t caplen, LinkHeader &h) {
+    return read_ip_version(p, caplen, kIpnetHeaderLen, h);
+}
+
 struct LinkFamily {
     int link_type;
     LinkAdapter::Reader read;  // null for Ethernet
@@ -380,6 +404,10 @@ constexpr LinkFamily kFamilies[] = {
     {192, read_ppi},                   // DLT_PPI
     {242, read_ipoib},                 // DLT_IPOIB
     {10, read_fddi},                   // DLT_FDDI
+    {11, read_atm_llc},                // DLT_ATM_RFC1483
+    {19, read_atm_llc},                // DLT_ATM_CLIP (Linux)
+    {123, read_sunatm},                // DLT_SUNATM
+    {226, read_ipnet},                 // DLT_IPNET
 };
 
 const LinkFamily *family_of(int link_type) {

@@ -9,6 +9,9 @@
 
 namespace quelm_tool {
 
+// The largest snapshot length libpcap writes: no frame of a capture is longer.
+inline constexpr uint32_t kLargestSnapshot = 262144;
+
 // Frames the adapter keeps from the library, each counted by the tool under its reason.
 enum class LinkRefusal : uint8_t {
     kNone,       // handed to the library

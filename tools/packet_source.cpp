@@ -1,5 +1,7 @@
 #include "packet_source.h"
 
+#include "link_adapter.h"
+
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,7 +16,7 @@
 namespace quelm_tool {
 namespace {
 
-constexpr int kSnapLen = 262144;
+constexpr int kSnapLen = int(kLargestSnapshot);
 constexpr int kBufferTimeoutMs = 100;   // how long the kernel may hold packets back
 constexpr int kBufferBytes = 32 << 20;  // room for bursts while the tool is busy
 constexpr size_t kFileBufferBytes = 1 << 20;

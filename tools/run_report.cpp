@@ -144,7 +144,8 @@ void warn_losses(const char *command, const quelm_stats &t, const DecodeSettings
     const Loss losses[] = {
         {n[QUELM_NOT_DECODED_TOO_LONG],
          "longer than " + std::to_string(settings.max_packet_len) + " bytes",
-         " (see --max-packet-len)"},
+         settings.max_packet_len < kLargestSnapshot ? " (see --max-packet-len)"
+                                                    : ", more than any capture holds"},
         {n[QUELM_NOT_DECODED_TRUNCATED], "cut short by the capture's snapshot length", ""},
         {n[QUELM_NOT_DECODED_NOT_IP], "not IP", decode_help},
         {n[QUELM_NOT_DECODED_BAD_HEADER], "with a bad IP or transport header", decode_help},

@@ -72,6 +72,10 @@ TEST(LinkAdapter, NetworkHeaderFollowsAnEthernetHeader) {
          0xA1A2},
         {"ipoib", 242, cat({Bytes(40, 0), {0x08, 0x00, 0, 0}})},
         {"fddi", 10, cat({{0x50}, Bytes(6, 0xD1), Bytes(6, 0x51), kSnapIpv6}), 0x86DD, 0xD151},
+        {"atm llc", 11, kSnapIpv6, 0x86DD},
+        {"atm vc-multiplexed", 19, {}},
+        {"sunatm", 123, cat({{0x02, 0, 0, 42}, kSnapIpv4})},
+        {"ipnet", 226, cat({{1, 26}, Bytes(22, 0)}), 0x86DD},
         // clang-format on
     };
     for (const Case &c : cases) {
