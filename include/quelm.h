@@ -67,7 +67,7 @@ enum quelm_table_flag {
     /* Source and destination MAC addresses take part in the hash and in flow identity. */
     QUELM_FLAG_MAC_IN_KEY = 64,
     /* Decode what real links carry beyond the designed set: 802.1ad and QinQ tags in any mix with
-     * 802.1Q, PBB I-tags, VN-tags, IP in 802.2 LLC/SNAP, IPv6 in PPPoE and after MPLS, the IPv6
+     * 802.1Q, PBB I-tags, VN-tags, MACsec without encryption, IP in 802.2 LLC/SNAP, IPv6 in PPPoE and after MPLS, the IPv6
      * extension headers (hop-by-hop, routing, fragment, destination options, mobility, AH: at most
      * 8 of them) and IPv6 fragments (credited like IPv4 ones). ICMP and ICMPv6 queries (echo,
      * timestamp, information, address mask, node information) share one flow with their replies:

@@ -29,7 +29,11 @@ constexpr uint16_t kEthIpv4 = 0x0800, kEthIpv6 = 0x86DD, kEthVlan = 0x8100, kEth
 // Extended decoding: service tags (802.1ad, and the pre-standard QinQ value), backbone service
 // instance tags (PBB), virtual network tags; values up to 1500 are 802.3 lengths (LLC follows).
 constexpr uint16_t kEthQinq = 0x88A8, kEthQinqLegacy = 0x9100, kEthPbb = 0x88E7, kEthVnTag = 0x8926,
-                   kEthMaxLength = 1500;
+                   kEthMacsec = 0x88E5, kEthMaxLength = 1500;
+// MACsec tag: TCI and association number, short length, packet number; the secure channel id
+// follows when SC is set. E or C set: the payload is encrypted (or changed) and cannot be read.
+constexpr uint32_t kMacsecTagLen = 6, kMacsecSciLen = 8;
+constexpr uint8_t kMacsecSc = 0x20, kMacsecEncrypted = 0x0C;
 // Tags and inner headers that one frame may stack before its network header.
 constexpr int kMaxLinkTags = 8;
 constexpr uint16_t kPppIpv4 = 0x0021, kPppIpv6 = 0x0057;
@@ -144,6 +148,16 @@ bool Decoder::tags(uint16_t &type, uint32_t &cursor) {
                 type = rd16(pkt + cursor + 4 + 12);
                 cursor += 4 + 14;
                 break;
+            case kEthMacsec: {  // integrity only: the protected frame's EtherType follows
+                if (!need(cursor, kMacsecTagLen)) return false;
+                const uint8_t tci = pkt[cursor];
+                if (tci & kMacsecEncrypted) return refuse(QUELM_NOT_DECODED_NOT_IP);
+                const uint32_t len = kMacsecTagLen + (tci & kMacsecSc ? kMacsecSciLen : 0);
+                if (!need(cursor, len + 2)) return false;
+                type = rd16(pkt + cursor + len);
+                cursor += len + 2;
+                break;
+            }
             case kEthVnTag:  // 4-byte tag, then the EtherType
                 if (!need(cursor, 6)) return false;
                 type = rd16(pkt + cursor + 4);

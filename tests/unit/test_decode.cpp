@@ -102,6 +102,8 @@ const Row kRows[] = {  // caplen -1: the whole frame; wire 0: the frame's length
     {"pbb_customer_frame_and_its_tag", X, Frame().eth().tag(0x88A8, 5).pbb(0x123456).vlan(9).ipv4(A, B).tcp(1, 2), "vlan=9 l3=40 sport=1"},
     {"vn_tag", X, Frame().eth().tag(0x8926, 0x1234).ipv4(A, B).tcp(1, 2), "l3=20 sport=1"},
     {"llc_snap", X, Frame().eth().llc_snap().ipv4(A, B).tcp(1, 2), "l3=22 sport=1"},
+    {"macsec_integrity_only", X, Frame().eth().ethertype(0x88E5).bytes({0x20, 0, 0, 0, 0, 1}).payload(8, 7).bytes({8, 0}).ipv4(A, B).udp(1, 2), "l3=30 sport=1"},
+    {"macsec_encrypted", X, Frame().eth().ethertype(0x88E5).bytes({0x2C, 0, 0, 0, 0, 1}).payload(30), "why=not_ip"},
     {"llc_without_snap", X, Frame().eth().llc_snap(0x42).ipv4(A, B).tcp(1, 2), "why=not_ip"},
     {"pppoe_ipv6_extended", X, Frame().eth().pppoe(0x0057).ipv6(C, D).tcp(1, 2), "v=6 l3=22 l4=62"},
     {"pppoe_lcp", X, Frame().eth().pppoe(0xC021).payload(20), "why=not_ip"},
