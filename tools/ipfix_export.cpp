@@ -466,8 +466,8 @@ bool parse_url(const std::string &url, bool *tcp, std::string *host, std::string
     *host = rest.substr(0, colon);
     *port = rest.substr(colon + 1);
     if (host->front() == '[' && host->back() == ']') *host = host->substr(1, host->size() - 2);
-    return port->find_first_not_of("0123456789") == std::string::npos && std::stoul(*port) != 0 &&
-           std::stoul(*port) < 65536;
+    return port->size() <= 5 && port->find_first_not_of("0123456789") == std::string::npos &&
+           std::stoul(*port) != 0 && std::stoul(*port) < 65536;
 }
 
 }  // namespace
