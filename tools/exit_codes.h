@@ -9,6 +9,7 @@ enum ExitCode : int {
     kExitUsage = 64,        // the command line is wrong
     kExitDataError = 65,    // the input is corrupt, truncated or of a link type we cannot read
     kExitNoInput = 66,      // an input file or interface cannot be opened
+    kExitNoHost = 68,       // a collector's host name is unknown
     kExitUnavailable = 69,  // a library the command needs (engine, libzmq) is missing or unusable
     kExitNoMemory = 71,     // the flow table cannot be allocated
     kExitCantCreate = 73,   // a temporary file cannot be created

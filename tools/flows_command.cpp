@@ -83,8 +83,17 @@ void on_packet(u_char *user, const pcap_pkthdr *h, const u_char *bytes) noexcept
     take_packet(user, 0, *h, bytes);
 }
 
+// Where each flow that leaves the table goes: IPFIX reads it before the writer lets it go.
+struct FlowTargets {
+    FlowWriter &writer;
+    IpfixExport &ipfix;
+    quelm_table *table;
+};
+
 void on_flow(quelm_flow *flow, void *user) noexcept {
-    static_cast<FlowWriter *>(user)->write(flow);
+    FlowTargets &to = *static_cast<FlowTargets *>(user);
+    if (to.ipfix.active()) to.ipfix.add(flow, to.table);
+    to.writer.write(flow);
 }
 
 // What a read loop needs besides the packet path.
@@ -94,6 +103,7 @@ struct Loop {
     ProgressLine &progress;
     uint64_t limit;           // 0: no packet limit
     ExportSession *exporter;  // null without export
+    IpfixExport &ipfix;
     bool limit_reached() const { return limit != 0 && run.packets >= limit; }
     int batch(int size) const {
         return limit == 0 ? size : int(std::min<uint64_t>(uint64_t(size), limit - run.packets));
@@ -123,6 +133,7 @@ int read_file(PacketSource &source, const std::string &filter, Loop &loop) {
         loop.progress.update(source.fraction_read(), loop.run.packets,
                              quelm_get_stats(loop.run.table)->active_flows);
         if (loop.exporter != nullptr) loop.exporter->tick();
+        loop.ipfix.tick();
     }
     return kExitOk;
 }
@@ -143,6 +154,7 @@ int capture_live(PacketSource &source, Loop &loop) {
             return kExitDataError;
         }
         if (loop.exporter != nullptr) loop.exporter->tick();
+        loop.ipfix.tick();
         if (n > 0 || fd < 0) continue;
         // Someone may be watching the output: write what has ended before waiting.
         loop.sink.flush();
@@ -423,6 +435,7 @@ CLI::App *add_flows_command(CLI::App &app, FlowsOptions &options) {
     add_detection_options(*command, options.detection);
     add_output_options(*command, options);
     add_export_options(*command, options.zmq);
+    add_ipfix_options(*command, options.ipfix);
     command->footer(
         "Examples:\n"
         "  quelm flows -r capture.pcap                        one text line per flow\n"
@@ -432,17 +445,19 @@ CLI::App *add_flows_command(CLI::App &app, FlowsOptions &options) {
         "  quelm flows -r capture.pcap --rules rules.conf --stats   rules, protocol totals\n"
         "  quelm flows -r capture.pcap --zmq tcp://collector:5556 --zmq-connect \\\n"
         "              --zmq-server-key @collector.pub         export to quelm collect\n"
+        "  quelm flows -i eth0 --ipfix udp://collector:4739   IPFIX to a flow collector\n"
         "  quelm flows -r a.pcap -r b.pcapng tcp port 443     two files, HTTPS only\n"
         "  tcpdump -w - -i eth0 | quelm flows -r -            read from a pipe\n"
         "  quelm flows -i eth0 --idle 10 --stats              live; stop with Ctrl-C\n"
         "\n"
         "Exit status: 0 success, 64 wrong command line, 65 damaged or unsupported input (the "
         "flows read before the damage are written) or a bad rules, protocols or categories "
-        "file or key file, 66 an input, rules or key file cannot be opened, 69 the detection "
+        "file or key file, 66 an input, rules or key file cannot be opened, 68 an --ipfix host is "
+        "unknown, 69 the detection "
         "engine is missing (use --no-dpi), libzmq is missing (--zmq) or no collector completed a "
         "handshake, 71 not enough memory for the table, 73 no temporary file, 74 output cannot "
-        "be written, 75 some flows could not be delivered to the collectors (counted in the "
-        "last line).");
+        "be written, 75 some flows could not be delivered to the collectors (ZeroMQ or "
+        "IPFIX; counted on standard error).");
     return command;
 }
 
@@ -460,7 +475,7 @@ int run_flows(const FlowsOptions &o) {
     if (!filter_expression(o, &filter, &exit_code)) return exit_code;
 
     const bool exporting = !o.zmq.endpoints.empty();
-    const bool writing = !exporting || !o.output.empty();
+    const bool writing = (!exporting && o.ipfix.collectors.empty()) || !o.output.empty();
     OutputSink sink;
     if (writing && !sink.open(o.output, &error)) {
         complain("%s", error.c_str());
@@ -477,11 +492,17 @@ int run_flows(const FlowsOptions &o) {
             return started;
         }
     }
+    IpfixExport ipfix;
+    if (const int started = ipfix.start(o.ipfix); started != kExitOk) {
+        quelm_destroy_table(table);
+        return started;
+    }
     FlowWriter writer(writing ? &sink : nullptr, o.format, table,
                       o.detection.enabled && o.detection.extra_dissection);
     writer.count_protocols(o.stats && o.detection.enabled);
     writer.hand_on_to_exporter(exporting);
-    quelm_set_flow_export_callback(table, on_flow, &writer);
+    FlowTargets targets{writer, ipfix, table};
+    quelm_set_flow_export_callback(table, on_flow, &targets);
 
     install_stop_handlers();
     ProgressLine progress(!o.no_progress && o.interface.empty() && isatty(STDERR_FILENO) == 1 &&
@@ -490,7 +511,7 @@ int run_flows(const FlowsOptions &o) {
     const double started = now_seconds();
     Run run;
     run.table = table;
-    Loop loop{run, sink, progress, o.count, exporting ? &exporter : nullptr};
+    Loop loop{run, sink, progress, o.count, exporting ? &exporter : nullptr, ipfix};
 
     const bool live = !o.interface.empty();
     const std::vector<std::string> inputs = live ? std::vector<std::string>{o.interface} : o.files;
@@ -501,6 +522,7 @@ int run_flows(const FlowsOptions &o) {
 
     quelm_flush(table);
     if (exporting) exit_code = worse_exit(exit_code, exporter.finish());
+    exit_code = worse_exit(exit_code, ipfix.finish());
     progress.clear();
     if (!sink.close()) {
         complain("cannot write to %s: %s", sink.name().c_str(), std::strerror(sink.error_number()));
@@ -522,11 +544,13 @@ int run_flows(const FlowsOptions &o) {
                     "flows exported", zs.num_flow_exports, zs.num_flow_drops, zs.handshakes,
                     zs.refused_auth + zs.refused_protocol);
         }
+        ipfix.print_stats(stderr);
         if (o.detection.enabled) print_protocol_totals(stderr, writer.protocol_totals());
     }
     warn_losses("quelm flows", *quelm_get_stats(table), {o.max_packet_len, o.strict_decoding},
                 run.refusals);
     if (exporting) exporter.report();
+    ipfix.report();
     quelm_destroy_table(table);
     return exit_code;
 }

@@ -11,6 +11,7 @@
 #include "detection.h"
 #include "export_setup.h"
 #include "flow_writer.h"
+#include "ipfix_export.h"
 #include "link_adapter.h"
 
 namespace quelm_tool {
@@ -35,6 +36,7 @@ struct FlowsOptions {
     int default_action = 0;
     DetectionOptions detection;
     ExportOptions zmq;
+    IpfixOptions ipfix;
     // Output
     std::string output;  // empty: standard output, unless the flows are exported
     Format format = Format::kText;
