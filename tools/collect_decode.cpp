@@ -246,17 +246,16 @@ void received_flow_fields(const Record &record, const std::string &probe,
                 if ((placed = text != nullptr)) f.dest_ip = text;
                 break;
             case wire::kInPkts:
-                if ((placed = take(INT64_MAX))) f.ts.pkts = int64_t(n);
-                break;
             case wire::kInBytes:
-                if ((placed = take(INT64_MAX))) f.ts.bytes = int64_t(n);
-                break;
             case wire::kOutPkts:
-                if ((placed = take(INT64_MAX))) f.tc.pkts = int64_t(n);
+            case wire::kOutBytes: {
+                const uint32_t id = field->id;
+                FlowFields::Direction &d =
+                    id == wire::kInPkts || id == wire::kInBytes ? f.ts : f.tc;
+                if ((placed = take(INT64_MAX)))
+                    (id == wire::kInPkts || id == wire::kOutPkts ? d.pkts : d.bytes) = int64_t(n);
                 break;
-            case wire::kOutBytes:
-                if ((placed = take(INT64_MAX))) f.tc.bytes = int64_t(n);
-                break;
+            }
             case wire::kFirstSwitched:
                 if ((placed = has_first = take(UINT32_MAX))) first = n;
                 break;

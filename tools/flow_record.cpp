@@ -492,7 +492,7 @@ size_t format_text_flow(const FlowFields &f, char *buffer) {
         const bool v6 = ip != nullptr && std::strchr(ip, ':') != nullptr && port >= 0;
         o.ch(' ');
         if (v6) o.ch('[');
-        o.plain(ip != nullptr ? ip : "?");
+        o.plain(ip != nullptr ? ip : "?", kMaxNameLen);
         if (v6) o.ch(']');
         if (port >= 0) o.ch(':').u64(uint64_t(port));
     };
