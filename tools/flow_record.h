@@ -15,9 +15,9 @@ namespace quelm_tool {
 inline constexpr size_t kMaxNameLen = 255;
 inline constexpr size_t kMaxUrlLen = 1024;
 // The longest record either format writes, line end included, besides FlowFields::more: the fixed
-// fields take under 2 KiB, eight texts (addresses, names, the probe) and a URL at most six bytes
-// each when escaped.
-inline constexpr size_t kMaxRecordLen = 2048 + 6 * (8 * kMaxNameLen + kMaxUrlLen);
+// fields take under 2 KiB; nine texts (interface, probe, addresses, MACs, protocol and category
+// names, a host or query name) and a URL at most six bytes each when escaped.
+inline constexpr size_t kMaxRecordLen = 2048 + 6 * (9 * kMaxNameLen + kMaxUrlLen);
 
 // The fields of one flow record, as both programs have them: a flow that leaves the table fills
 // every one that applies to it; a record the collector receives fills those it carries. Texts are
