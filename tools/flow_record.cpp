@@ -488,7 +488,7 @@ size_t format_text_flow(const FlowFields &f, char *buffer) {
         o.time_text(f.start).ch(' ');
     }
     o.plain(f.ip_protocol >= 0 ? utils_prototoa(uint32_t(f.ip_protocol)) : "?");
-    auto endpoint = [&o, &f](const char *ip, int port) {
+    auto endpoint = [&o](const char *ip, int port) {
         const bool v6 = ip != nullptr && std::strchr(ip, ':') != nullptr && port >= 0;
         o.ch(' ');
         if (v6) o.ch('[');
