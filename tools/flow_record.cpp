@@ -70,34 +70,20 @@ class Out {
     char *at_;
 };
 
+// By enum quelm_flow_status and enum quelm_tunnel_type, which leave 3 unused.
+static_assert(QUELM_FLOW_STATUS_IDLE_TIMEOUT == 1 && QUELM_FLOW_STATUS_FLUSHED == 4 &&
+              QUELM_FLOW_STATUS_SLICE == 5 && QUELM_TUNNEL_L2TP == 4 && QUELM_TUNNEL_VXLAN == 5);
+
 const char *reason_of(uint32_t status) {
-    switch (status) {
-        case QUELM_FLOW_STATUS_IDLE_TIMEOUT:
-            return "idle";
-        case QUELM_FLOW_STATUS_LIFETIME_TIMEOUT:
-            return "lifetime";
-        case QUELM_FLOW_STATUS_FLUSHED:
-            return "flush";
-        case QUELM_FLOW_STATUS_SLICE:
-            return "slice";
-        default:
-            return "active";
-    }
+    static const char *const kReasons[] = {"active", "idle",  "lifetime",
+                                           "active", "flush", "slice"};
+    return status < std::size(kReasons) ? kReasons[status] : "active";
 }
 
 const char *tunnel_name(uint32_t type) {
-    switch (type) {
-        case QUELM_TUNNEL_GTP_U:
-            return "gtpv1-u";
-        case QUELM_TUNNEL_CAPWAP:
-            return "capwap";
-        case QUELM_TUNNEL_L2TP:
-            return "l2tp";
-        case QUELM_TUNNEL_VXLAN:
-            return "vxlan";
-        default:
-            return "unknown";
-    }
+    static const char *const kNames[] = {"unknown", "gtpv1-u", "capwap",
+                                         "unknown", "l2tp",    "vxlan"};
+    return type < std::size(kNames) ? kNames[type] : "unknown";
 }
 
 bool earlier(const quelm_timeval &a, const quelm_timeval &b) {
