@@ -1,5 +1,6 @@
 // Fuzzes the collector's reading of messages (header, payload; an odd first byte sets the header's
-// size right): read whole or refused for one reason, each record one line of valid JSON.
+// size right): read whole or refused for one reason, each record one line of valid JSON in either
+// naming, and one text line.
 #include <arpa/inet.h>
 
 #include <cstdint>
@@ -27,6 +28,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         std::string line;
         write_record_json(m.stats ? record : name_flow_fields(record, "p", nullptr), &line);
         if (line.find('\n') != std::string::npos || !Record::accept(line)) std::abort();
+        if (m.stats) continue;
+        // The flow object and the text line: one line each, the first valid JSON.
+        FlowFields fields;
+        ReceivedTexts texts;
+        const std::string probe = "p";
+        received_flow_fields(record, probe, nullptr, &texts, &fields);
+        for (const bool json : {true, false}) {
+            line.assign(kMaxRecordLen + fields.more.size(), '\0');
+            line.resize(json ? format_json_flow(fields, line.data())
+                             : format_text_flow(fields, line.data()));
+            if (line.find('\n') != line.size() - 1 || (json && !Record::accept(line))) std::abort();
+        }
     }
     return 0;
 }

@@ -47,30 +47,6 @@ std::string builtin_protocol_name(const std::string &ids) {
     return quelm_dpi_get_protocol_name_by_id(engine, &l7, name, sizeof name);
 }
 
-std::string field_text(const Record &record, const char *key) {
-    const auto v = record.find(key);
-    return v == record.end() ? "?" : v->is_string() ? v->get<std::string>() : v->dump();
-}
-
-// One line of --format text.
-std::string text_line(const Record &named, bool stats, const std::string &probe) {
-    if (stats) {
-        std::string json;
-        write_record_json(named, &json);
-        return "stats " + json;
-    }
-    const bool v6 = named.contains("ipv6_src_addr");
-    const std::string src = field_text(named, v6 ? "ipv6_src_addr" : "ipv4_src_addr");
-    const std::string dst = field_text(named, v6 ? "ipv6_dst_addr" : "ipv4_dst_addr");
-    std::string line = "flow " + src + ":" + field_text(named, "l4_src_port") + " -> " + dst + ":" +
-                       field_text(named, "l4_dst_port") + " proto " +
-                       field_text(named, "protocol") + " pkts " + field_text(named, "in_pkts") +
-                       "/" + field_text(named, "out_pkts") + " bytes " +
-                       field_text(named, "in_bytes") + "/" + field_text(named, "out_bytes");
-    line += " " + field_text(named, named.contains("l7_proto_name") ? "l7_proto_name" : "l7_proto");
-    return line + " probe " + probe;
-}
-
 // The public keys of an allow-list: one per line, blank lines and `#` comments allowed, so that the
 // .pub files of exporters can be appended as they are.
 int read_allow_list(const ZmqApi &zmq, const std::string &path, std::set<std::string> *keys,
@@ -157,7 +133,8 @@ struct Sender {
 
 class Collector {
   public:
-    Collector(OutputSink &sink, bool text) : sink_(sink), text_(text) {}
+    Collector(OutputSink &sink, bool text, bool netflow_names)
+        : sink_(sink), text_(text), netflow_names_(netflow_names) {}
 
     // One message of the exporter `probe` (its key, or its address when it has no key).
     void handle(const std::vector<std::string> &parts, const std::string &probe) {
@@ -178,26 +155,31 @@ class Collector {
             return;
         }
         for (const Record &record : m.records) {
-            Record out;
+            std::string line;
             if (m.stats) {
                 // The collector's own fields come first; the record's fields of the same names
                 // (its "probe" block: version, ip, unique_source_id) are kept as exporter_NAME.
-                out["event_type"] = "stats";
-                out["probe"] = probe;
+                Record out = {{"event_type", "stats"}, {"probe", probe}};
                 for (auto it = record.begin(); it != record.end(); ++it)
                     out[out.contains(it.key()) ? "exporter_" + it.key() : it.key()] = it.value();
+                if (text_) line = "stats ";
+                write_record_json(out, &line);
+                line += '\n';
                 stats_records_++;
+            } else if (netflow_names_ && !text_) {
+                write_record_json(name_flow_fields(record, probe, builtin_protocol_name), &line);
+                line += '\n';
+                flow_records_++;
             } else {
-                out = name_flow_fields(record, probe, builtin_protocol_name);
+                FlowFields fields;
+                ReceivedTexts texts;
+                received_flow_fields(record, probe, builtin_protocol_name, &texts, &fields);
+                line.resize(kMaxRecordLen + fields.more.size());
+                line.resize(text_ ? format_text_flow(fields, line.data())
+                                  : format_json_flow(fields, line.data()));
                 flow_records_++;
             }
             if (sender != nullptr) sender->records++;
-            std::string line;
-            if (text_)
-                line = text_line(out, m.stats, probe);
-            else
-                write_record_json(out, &line);
-            line += '\n';
             sink_.write(line.data(), line.size());
         }
         sink_.flush();  // someone may be reading as records arrive
@@ -259,7 +241,7 @@ class Collector {
     }
 
     OutputSink &sink_;
-    bool text_;
+    bool text_, netflow_names_;
     std::map<std::string, Sender> senders_;
     uint64_t messages_ = 0, flow_records_ = 0, stats_records_ = 0, lost_ = 0, restarts_ = 0;
     uint64_t malformed_[size_t(Malformed::kCount)] = {}, malformed_total_ = 0, untracked_ = 0;
@@ -319,8 +301,8 @@ int attach_endpoints(const ZmqApi &zmq, void *socket, const CollectOptions &o,
 
 // Serves the handshakes and the messages in turn until a signal or an output failure.
 void receive_until_stopped(const ZmqApi &zmq, void *socket, void *zap_socket, ZapHandler &zap,
-                           OutputSink &sink, bool text) {
-    Collector collector(sink, text);
+                           OutputSink &sink, const CollectOptions &o) {
+    Collector collector(sink, o.text, o.netflow_names);
     std::vector<std::string> parts;
     std::string sender;
     zmq_pollitem_t items[] = {{socket, 0, ZMQ_POLLIN, 0}, {zap_socket, 0, ZMQ_POLLIN, 0}};
@@ -344,8 +326,8 @@ CLI::App *add_collect_command(CLI::App &app, CollectOptions &o) {
     CLI::App *command = app.add_subcommand(
         "collect",
         "Receive the flows that quelm flows --zmq exports: a CURVE server that writes one JSON "
-        "line per flow record (NetFlow field names) and per statistics record. Ctrl-C ends it "
-        "with a summary");
+        "line per flow record (the object of quelm flows --format json, with the fields the "
+        "record carries) and per statistics record. Ctrl-C ends it with a summary");
     CLI::Option *bind = command
                             ->add_option("--bind", o.bind,
                                          "Listen on ENDPOINT[,ENDPOINT...] (the exporters "
@@ -371,13 +353,19 @@ CLI::App *add_collect_command(CLI::App &app, CollectOptions &o) {
                      "as they are); without it any exporter holding the collector's public key "
                      "is accepted")
         ->type_name("FILE");
-    command->add_option("--format", o.text, "json (one object per line) or text")
+    command
+        ->add_option(
+            "--format", o.text,
+            "json (one object per line) or text (one line per flow, as quelm flows writes it)")
         ->type_name("FORMAT")
         ->default_str("json")
         ->transform(
             CLI::CheckedTransformer(std::map<std::string, bool>{{"json", false}, {"text", true}},
                                     CLI::ignore_case)
                 .description(""));
+    command->add_flag("--netflow-names", o.netflow_names,
+                      "Write flow records as received, their keys by NetFlow names "
+                      "(ipv4_src_addr, in_pkts, ...) instead of the flow object");
     command
         ->add_option("-w,--write", o.output, "Write the records to FILE (default: standard output)")
         ->type_name("FILE");
@@ -466,7 +454,7 @@ int run_collect(const CollectOptions &o) {
                     "quelm collect: any exporter holding the collector's public key is accepted; "
                     "--allow-keys FILE accepts only the public keys it lists\n");
         ZapHandler handler(*zmq, o.allow_keys.empty() ? nullptr : &allowed);
-        receive_until_stopped(*zmq, socket, zap, handler, sink, o.text);
+        receive_until_stopped(*zmq, socket, zap, handler, sink, o);
         if (!sink.close()) {
             fprintf(stderr, "quelm collect: cannot write to %s: %s\n", sink.name().c_str(),
                     std::strerror(sink.error_number()));

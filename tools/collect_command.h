@@ -19,6 +19,7 @@ struct CollectOptions {
     std::string secret_key;  // file holding the collector's secret key (Z85)
     std::string allow_keys;  // file of the exporters' public keys; empty: any exporter
     bool text = false;       // --format text
+    bool netflow_names = false;
     std::string output = "-";
 };
 

@@ -3,6 +3,8 @@
 #include <arpa/inet.h>
 #include <pelda.h>
 
+#include <algorithm>
+#include <cstdio>
 #include <cstring>
 
 #include "quelm_wire.h"
@@ -174,6 +176,146 @@ DecodedMessage decode_message(const std::vector<std::string> &parts) {
     }
     m.ok = true;
     return m;
+}
+
+namespace {
+
+// The ICMP fields of a record, from its ports: the designed key has type << 8 | code in the
+// destination port and 0 in the source; a query keyed with its replies has the query type << 8
+// in one port (the destination, unless the flow began with the reply) and its identifier in the
+// other.
+void icmp_fields(uint64_t sport, uint64_t dport, FlowFields *f) {
+    if (sport == 0) {
+        f->icmp_type = int(dport >> 8);
+        f->icmp_code = int(dport & 0xFF);
+        return;
+    }
+    auto query_type = [](uint64_t port) {
+        static const uint8_t kQueries[] = {8, 13, 15, 17, 128, 139};
+        return (port & 0xFF) == 0 &&
+               std::find(std::begin(kQueries), std::end(kQueries), port >> 8) != std::end(kQueries);
+    };
+    const bool from_reply = !query_type(dport) && query_type(sport);
+    f->icmp_type = int((from_reply ? sport : dport) >> 8);
+    f->icmp_code = 0;
+    f->icmp_id = int(from_reply ? dport : sport);
+}
+
+}  // namespace
+
+void received_flow_fields(const Record &record, const std::string &probe,
+                          std::string (*protocol_name)(const std::string &ids),
+                          ReceivedTexts *texts, FlowFields *out) {
+    FlowFields &f = *out;
+    f.probe = probe.c_str();
+    uint64_t ports[2] = {}, first = 0, last = 0;
+    bool has_port[2] = {}, has_first = false, has_last = false;
+    std::string more;
+    for (auto it = record.begin(); it != record.end(); ++it) {
+        const wire::Field *field = wire::find_field(it.key().c_str());
+        const Record &v = it.value();
+        const bool number = v.is_number_unsigned();
+        const uint64_t n = number ? v.get<uint64_t>() : 0;
+        const char *text = v.is_string() ? v.get_ref<const std::string &>().c_str() : nullptr;
+        auto take = [&](uint64_t max) { return number && n <= max; };
+        bool placed = false;
+        switch (field != nullptr ? field->id : UINT32_MAX) {
+            case wire::kSrcVlan:
+                if ((placed = take(4095))) f.vlan = int(n);
+                break;
+            case wire::kInSrcMac:
+            case wire::kInDstMac: {
+                const bool src = field->id == wire::kInSrcMac;
+                std::string &mac = src ? texts->src_mac : texts->dest_mac;
+                if (!(placed = text != nullptr)) break;
+                mac = text;
+                std::transform(mac.begin(), mac.end(), mac.begin(),
+                               [](char c) { return c >= 'A' && c <= 'Z' ? char(c + 32) : c; });
+                (src ? f.src_mac : f.dest_mac) = mac.c_str();
+                break;
+            }
+            case wire::kIpProtocolVersion:  // the addresses' keys say it
+                placed = take(UINT8_MAX);
+                break;
+            case wire::kIpv4SrcAddr:
+            case wire::kIpv6SrcAddr:
+                if ((placed = text != nullptr)) f.src_ip = text;
+                break;
+            case wire::kIpv4DstAddr:
+            case wire::kIpv6DstAddr:
+                if ((placed = text != nullptr)) f.dest_ip = text;
+                break;
+            case wire::kInPkts:
+            case wire::kInBytes:
+            case wire::kOutPkts:
+            case wire::kOutBytes: {
+                const uint32_t id = field->id;
+                FlowFields::Direction &d =
+                    id == wire::kInPkts || id == wire::kInBytes ? f.ts : f.tc;
+                if ((placed = take(INT64_MAX)))
+                    (id == wire::kInPkts || id == wire::kOutPkts ? d.pkts : d.bytes) = int64_t(n);
+                break;
+            }
+            case wire::kFirstSwitched:
+                if ((placed = has_first = take(UINT32_MAX))) first = n;
+                break;
+            case wire::kLastSwitched:
+                if ((placed = has_last = take(UINT32_MAX))) last = n;
+                break;
+            case wire::kL4SrcPort:
+            case wire::kL4DstPort: {
+                const int i = field->id == wire::kL4DstPort;
+                if ((placed = has_port[i] = take(UINT16_MAX))) ports[i] = n;
+                break;
+            }
+            case wire::kTcpFlags:
+                if ((placed = take(UINT8_MAX))) f.ts.tcp_flags = int(n);
+                break;
+            case wire::kProtocol:
+                if ((placed = take(UINT8_MAX))) f.ip_protocol = int(n);
+                break;
+            case 0: {  // the application protocol, "MASTER.APP"
+                unsigned master = 0, app = 0;
+                char dot = 0, end = 0;
+                placed = text != nullptr &&
+                         sscanf(text, "%u%c%u%c", &master, &dot, &app, &end) == 3 && dot == '.' &&
+                         master <= UINT16_MAX && app <= UINT16_MAX;
+                if (!placed) break;
+                f.l7_known = true;
+                f.l7 = {uint16_t(master), uint16_t(app), 0};
+                if (protocol_name != nullptr) texts->app_name = protocol_name(text);
+                if (!texts->app_name.empty()) f.app_name = texts->app_name.c_str();
+                break;
+            }
+            default:  // src_tos, input_snmp, output_snmp, port_id and keys without a name
+                break;
+        }
+        if (placed) continue;
+        if (!more.empty()) more += ',';
+        write_record_json(field != nullptr ? field->netflow : it.key(), &more);
+        more += ':';
+        write_record_json(v, &more);
+    }
+    const bool tcp_udp = f.ip_protocol == 6 || f.ip_protocol == 17;
+    if (tcp_udp) {
+        if (has_port[0]) f.src_port = int(ports[0]);
+        if (has_port[1]) f.dest_port = int(ports[1]);
+    } else if ((f.ip_protocol == 1 || f.ip_protocol == 58) && has_port[1]) {
+        icmp_fields(ports[0], ports[1], &f);
+    } else if (f.ip_protocol < 0) {  // ports of an unknown protocol are kept as they came
+        for (int i = 0; i < 2; i++)
+            if (has_port[i])
+                more += std::string(more.empty() ? "" : ",") +
+                        (i == 0 ? "\"l4_src_port\":" : "\"l4_dst_port\":") +
+                        std::to_string(ports[i]);
+    }
+    if (f.ip_protocol != 6) f.ts.tcp_flags = -1;
+    if (has_first || has_last) {
+        f.timed = true;
+        f.start = {int64_t(has_first ? first : last), 0};
+        f.end = {int64_t(has_last && last >= first ? last : f.start.tv_sec), 0};
+    }
+    f.more = std::move(more);
 }
 
 Record name_flow_fields(const Record &record, const std::string &probe,

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "flow_record.h"
 #include "record_json.h"
 
 namespace quelm_tool {
@@ -30,9 +31,23 @@ struct DecodedMessage {
 // than two parts may come with its third part only.
 DecodedMessage decode_message(const std::vector<std::string> &parts);
 
-// A flow record with the NetFlow names of its keys, in lower case ("ipv4_src_addr"), plus
-// "l7_proto" ("7.91") and its name when `protocol_name` knows it; event_type "flow" and the
-// exporter's `probe` first (its keys become field_KEY, so they cannot take those names).
+// Texts that the FlowFields of a received record point to besides the record's own.
+struct ReceivedTexts {
+    std::string app_name, src_mac, dest_mac;  // the MACs in lower case
+};
+
+// The fields of a flow record received from `probe`, as FlowFields; its texts point into `record`,
+// `probe` and `texts`, which must outlive `out`. The protocol is named when `protocol_name` knows
+// its ids. A field that has no place among them, or comes with a value of another type, is kept
+// in out->more under its NetFlow name (its key when it has none).
+void received_flow_fields(const Record &record, const std::string &probe,
+                          std::string (*protocol_name)(const std::string &ids),
+                          ReceivedTexts *texts, FlowFields *out);
+
+// --netflow-names: a flow record with the NetFlow names of its keys, in lower case
+// ("ipv4_src_addr"), plus "l7_proto" ("7.91") and its name when `protocol_name` knows it;
+// event_type "flow" and the exporter's `probe` first (its keys become field_KEY, so they cannot
+// take those names).
 Record name_flow_fields(const Record &record, const std::string &probe,
                         std::string (*protocol_name)(const std::string &ids));
 

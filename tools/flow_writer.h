@@ -1,6 +1,5 @@
-// Output of the quelm tool: a buffered sink on a file descriptor, and the two record formats
-// (the library's one-line text form, and JSON lines shaped like the flow events that network
-// security pipelines already read).
+// Output of the quelm tool: a buffered sink on a file descriptor, and the writer of the flows that
+// leave the table.
 #pragma once
 
 #include <quelm.h>
@@ -11,6 +10,8 @@
 #include <memory>
 #include <string>
 #include <vector>
+
+#include "flow_record.h"
 
 namespace quelm_tool {
 
@@ -52,32 +53,6 @@ class OutputSink {
 
 enum class Format { kText, kJson };
 
-// Protocol details are cut to these lengths before they are escaped, which bounds a record.
-inline constexpr size_t kMaxNameLen = 255;
-inline constexpr size_t kMaxUrlLen = 1024;
-// The longest record either format writes, line end included: the fixed fields take under 1 KiB,
-// three names and a URL at most six bytes each when escaped.
-inline constexpr size_t kMaxRecordLen = 1024 + 6 * (3 * kMaxNameLen + kMaxUrlLen);
-
-// One JSON object and a line end for the flow at `out` (kMaxRecordLen bytes of room); returns the
-// bytes written. `table` names the flow's protocol and category (it may have no detection: then
-// every flow is "Unknown"); `answers_read` says whether the table read answers
-// (--extra-dissection), without which a DNS reply code of 0 means "not seen" and is left out.
-size_t format_json_flow(quelm_flow *flow, quelm_table *table, bool answers_read, char *out);
-// The library's text form (with the protocol name when `table` detects) and a line end.
-size_t format_text_flow(quelm_flow *flow, quelm_table *table, char *out);
-// "2026-11-23T08:53:07.123456+0000": ISO 8601 in UTC with microseconds. `out` needs 32 bytes;
-// returns the bytes written (31).
-size_t format_timestamp(const quelm_timeval &tv, char *out);
-// A JSON string literal (quotes included) of at most `max_len` bytes of `text`, escaped; `out`
-// needs 6 * length + 3 bytes. Bytes that are not valid UTF-8 are written as \u0080 to \u00ff
-// (their Latin-1 reading), so that the output is always valid JSON.
-size_t format_json_string(const char *text, char *out, size_t max_len = SIZE_MAX);
-// Usual mnemonics of DNS record types ("AAAA") and reply codes ("NXDOMAIN"); "TYPE65280" and
-// "RCODE12" for numbers without one.
-std::string dns_type_name(uint16_t type);
-std::string dns_rcode_name(uint16_t rcode);
-
 // Flows, packets and bytes (both directions) of one application protocol.
 struct ProtocolTotals {
     std::string name;
@@ -94,6 +69,8 @@ class FlowWriter {
     FlowWriter(OutputSink *sink, Format format, quelm_table *table, bool answers_read)
         : sink_(sink), format_(format), table_(table), answers_read_(answers_read) {}
     void write(quelm_flow *flow);
+    // The interface of a live capture, named in every record (in_iface).
+    void interface(const std::string &name) { interface_ = name; }
     void count_protocols(bool on) { count_protocols_ = on; }
     void hand_on_to_exporter(bool on) { export_ = on; }
     uint64_t flows_written() const { return flows_; }
@@ -106,6 +83,7 @@ class FlowWriter {
     Format format_;
     quelm_table *table_;
     bool answers_read_;
+    std::string interface_;
     bool count_protocols_ = false;
     bool export_ = false;
     uint64_t flows_ = 0;

@@ -499,6 +499,7 @@ int run_flows(const FlowsOptions &o) {
     }
     FlowWriter writer(writing ? &sink : nullptr, o.format, table,
                       o.detection.enabled && o.detection.extra_dissection);
+    if (!o.interface.empty()) writer.interface(o.interface);
     writer.count_protocols(o.stats && o.detection.enabled);
     writer.hand_on_to_exporter(exporting);
     FlowTargets targets{writer, ipfix, table};

@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "flow_writer.h"
+#include "flow_record.h"
 
 namespace quelm_tool {
 namespace {

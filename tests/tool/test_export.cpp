@@ -27,12 +27,6 @@ using ::testing::Not;
 namespace wire = quelm::wire;
 const std::string kSample = QUELM_SAMPLES_DIR "/demo.pcap";
 
-// A record field's names, as the wire table gives them: the collector's (`netflow`) and the tool's.
-const wire::Field &field(uint32_t id) {
-    return *std::find_if(std::begin(wire::kFlowFields), std::end(wire::kFlowFields),
-                         [id](const wire::Field &f) { return f.id == id; });
-}
-
 // `quelm collect` in the background, writing its records to a file of its own folder.
 class Collector {
   public:
@@ -77,27 +71,28 @@ class Collector {
     pid_t pid_ = -1;
 };
 
-// Flows as "10.99.0.2 4000 10.99.0.53 53 1 79 1 95" (addresses, ports, counters) of the tool's or
-// the collector's records; ICMP's destination port is type << 8 | code, as in the exported key.
-std::multiset<std::string> flows_of(const std::vector<Json> &records, bool collector) {
+// The flows of the tool's or the collector's records: the fields of the flow object that an
+// export record carries, as one text each.
+std::multiset<std::string> flows_of(const std::vector<Json> &records) {
     std::multiset<std::string> flows;
-    for (Json r : records) {
-        if (r.contains("icmp_type"))
-            r["dest_port"] = int(r["icmp_type"]) << 8 | int(r["icmp_code"]);
-        if (r.contains("icmp_id")) r["src_port"] = r["icmp_id"];  // a query's identifier
-        const bool v6 = r.contains(field(wire::kIpv6SrcAddr).netflow);
+    for (const Json &r : records) {
         std::string flow;
-        for (uint32_t id : {v6 ? wire::kIpv6SrcAddr : wire::kIpv4SrcAddr, wire::kL4SrcPort,
-                            v6 ? wire::kIpv6DstAddr : wire::kIpv4DstAddr, wire::kL4DstPort,
-                            wire::kInPkts, wire::kInBytes, wire::kOutPkts, wire::kOutBytes}) {
-            std::string name =
-                collector ? field(id).netflow : field(id).eve;  // "flow.pkts_toserver"
-            std::replace(name.begin(), name.end(), '.', '/');
-            flow += text(r.value(Json::json_pointer("/" + name), Json(0))) + " ";
-        }
+        for (const char *field :
+             {"/src_ip", "/src_port", "/dest_ip", "/dest_port", "/icmp_type", "/icmp_code",
+              "/proto", "/vlan", "/ether", "/flow/pkts_toserver", "/flow/bytes_toserver",
+              "/flow/pkts_toclient", "/flow/bytes_toclient", "/tcp/tcp_flags_ts", "/quelm/icmp_id",
+              "/quelm/app_proto", "/quelm/app_proto_id"})
+            flow += text(r.value(Json::json_pointer(field), Json())) + " ";
         if (r.value("event_type", "") == "flow") flows.insert(flow);
     }
     return flows;
+}
+
+// Every flow record of `file` valid against the flow schema (python3-jsonschema).
+void expect_valid_records(const ToolRunner &tool, const std::string &file) {
+    const ToolResult r = tool.finish(tool.spawn(
+        {"/usr/bin/python3", QUELM_VALIDATE_RECORDS, QUELM_FLOW_SCHEMA, tool.path(file)}));
+    EXPECT_EQ(r.exit_code, 0) << r.err;
 }
 
 // Each test's folder, with a key pair k.pub and k.key made by `quelm keygen`.
@@ -115,22 +110,26 @@ class Export : public ::testing::Test {
     const std::string key = tool.path("k");
 };
 
-// Both ways of connecting, both formats: the collector gets every flow written and one statistics
-// record; an exporter that connects waits for a collector that starts after it.
+// Both ways of connecting, both formats: the collector gets every flow written (the same fields,
+// valid against the schema; or, with --netflow-names, as received) and one statistics record; an
+// exporter that connects waits for a collector that starts after it.
 TEST_F(Export, CollectorRecordsEqualTheWrittenFlows) {
     int run = 0;
     for (const std::string mode :
          {"--zmq-connect --zmq-format tlv", "--zmq-connect --zmq-format json", "--zmq-format tlv",
-          "--zmq-format json"}) {
+          "--zmq-format json", "--zmq-format tlv --netflow-names"}) {
         SCOPED_TRACE(mode);
+        const std::string sending = mode.substr(0, mode.find(" --netflow-names"));
+        const std::vector<std::string> naming(sending != mode, "--netflow-names");
         const std::string endpoint = "ipc://" + tool.path("export" + std::to_string(run++));
         std::optional<Collector> collector;  // an exporter that binds starts after its collector
-        if (!mode.starts_with("--zmq-connect")) collector.emplace("--connect", endpoint, key);
+        if (!mode.starts_with("--zmq-connect"))
+            collector.emplace("--connect", endpoint, key, naming);
         const pid_t sender =
-            send(endpoint, "--extra-dissection --format json -w flows.json " + mode);
+            send(endpoint, "--extra-dissection --format json -w flows.json " + sending);
         if (!collector) {
             EXPECT_TRUE(tool.wait_for("stderr", "exporting to"));
-            collector.emplace("--bind", endpoint, key);
+            collector.emplace("--bind", endpoint, key, naming);
         }
         const ToolResult sent = tool.finish(sender);
         ASSERT_EQ(sent.exit_code, 0) << sent.err;
@@ -141,7 +140,15 @@ TEST_F(Export, CollectorRecordsEqualTheWrittenFlows) {
         EXPECT_EQ(done.exit_code, 0) << done.err;
         EXPECT_THAT(done.err, HasSubstr(" 0 messages lost, 0 malformed"));
         const std::vector<Json> received = json_lines(collector->output());
-        EXPECT_EQ(flows_of(received, true), flows_of(written, false));
+        if (naming.empty()) {
+            EXPECT_EQ(flows_of(received), flows_of(written));
+            tool.write("received.json", collector->output());
+            expect_valid_records(tool, "received.json");
+        } else {  // as received, every field by its NetFlow name
+            EXPECT_EQ(size_t(std::count_if(received.begin(), received.end(),
+                                           [](const Json &r) { return r.contains("in_pkts"); })),
+                      written.size());
+        }
         size_t stats = 0;
         for (const Json &r : received) {
             if (r["event_type"] != "stats") continue;

@@ -104,6 +104,7 @@ TEST_F(FlowsTool, OutputsEqualTheirBaselines) {
     const std::pair<const char *, const char *> cases[] = {
         {"mixed.json", "flows -r mixed.pcap --format json"},  // TCP, IPv6, ICMP, VLAN fields
         {"mixed.json", "flows -r mixed.pcapng --format json"},
+        {"mixed.txt", "flows -r mixed.pcap"},  // [IPv6]:port, ICMP type/code, flags of TCP only
         {"vxlan.json", "flows -r vxlan.pcap --format json"},  // the outer flow only (VNI 42)
         {"cut.json", "flows -r cut.pcap --format json"},  // the flows before the damage; exit 65
         {"vxlan-tunnels.json", "flows -r vxlan.pcap --format json --tunnels"},
@@ -179,8 +180,8 @@ TEST_F(FlowsTool, FlowsEndAsConfigured) {
         const ToolResult r = tool.run(tool.words(std::string("flows --format json ") + c.args), in);
         std::vector<std::string> got, expected = c.expected;
         for (const Json &rec : json_lines(r.out))
-            got.push_back(text(rec.value("src_port", 0)) + " " + text(rec["flow"]["reason"]) + " " +
-                          text(rec["flow"]["pkts_toserver"]));
+            got.push_back(text(rec.value("src_port", 0)) + " " + text(rec["quelm"]["reason"]) +
+                          " " + text(rec["flow"]["pkts_toserver"]));
         std::sort(got.begin(), got.end());
         std::sort(expected.begin(), expected.end());
         EXPECT_EQ(got, expected) << c.args << "\n" << r.err << r.out;
@@ -352,6 +353,7 @@ TEST_F(FlowsTool, InterruptWhileReadingAFifoWritesTheFlows) {
         unlink(fifo.c_str());
         EXPECT_EQ(r.exit_code, 0) << r.err;
         EXPECT_EQ(json_lines(r.out).size(), 4u) << r.err;
+        EXPECT_THAT(r.out, HasSubstr("\"reason\":\"shutdown\"")) << "the flush after Ctrl-C";
     }
 }
 
@@ -377,7 +379,7 @@ TEST(LiveCapture, QuietLinkExpiresIdleFlowsAndInterruptFlushesTheRest) {
     // Then echoes that never idle: a lifetime record shows them read and opens the flow to flush.
     const pid_t pinging =
         pinger.spawn({"ip", "netns", "exec", ns, "ping", "-i", "0.2", "127.0.0.1"});
-    EXPECT_TRUE(tool.wait_for("flows.json", "\"lifetime\""));
+    EXPECT_TRUE(tool.wait_for("flows.json", "\"reason\":\"lifetime\""));
     kill(pid, SIGINT);
     const ToolResult r = tool.finish(pid);
     kill(pinging, SIGINT);
@@ -387,8 +389,9 @@ TEST(LiveCapture, QuietLinkExpiresIdleFlowsAndInterruptFlushesTheRest) {
     EXPECT_EQ(r.exit_code, 0) << r.err;
     int idle = 0, flushed = 0;
     for (const Json &rec : json_lines(tool.read("flows.json"))) {
-        idle += rec.value("dest_port", 0) == 9999 && rec["flow"]["reason"] == "idle";
-        flushed += rec.value("icmp_type", -1) == 8 && rec["flow"]["reason"] == "flush";
+        idle += rec.value("dest_port", 0) == 9999 && rec["flow"]["reason"] == "timeout" &&
+                rec["in_iface"] == "lo";
+        flushed += rec.value("icmp_type", -1) == 8 && rec["flow"]["reason"] == "shutdown";
     }
     EXPECT_EQ(std::pair(idle, flushed), std::pair(1, 1)) << tool.read("flows.json");
 }
