@@ -133,8 +133,8 @@ struct Sender {
 
 class Collector {
   public:
-    Collector(OutputSink &sink, bool text, bool netflow_names)
-        : sink_(sink), text_(text), netflow_names_(netflow_names) {}
+    Collector(OutputSink &sink, bool text, bool netflow_names, uint16_t community_id_seed)
+        : sink_(sink), text_(text), netflow_names_(netflow_names), seed_(community_id_seed) {}
 
     // One message of the exporter `probe` (its key, or its address when it has no key).
     void handle(const std::vector<std::string> &parts, const std::string &probe) {
@@ -174,6 +174,7 @@ class Collector {
                 FlowFields fields;
                 ReceivedTexts texts;
                 received_flow_fields(record, probe, builtin_protocol_name, &texts, &fields);
+                fields.community_id = community_id(fields, seed_, texts.community_id);
                 line.resize(kMaxRecordLen + fields.more.size());
                 line.resize(text_ ? format_text_flow(fields, line.data())
                                   : format_json_flow(fields, line.data()));
@@ -242,6 +243,7 @@ class Collector {
 
     OutputSink &sink_;
     bool text_, netflow_names_;
+    uint16_t seed_;
     std::map<std::string, Sender> senders_;
     uint64_t messages_ = 0, flow_records_ = 0, stats_records_ = 0, lost_ = 0, restarts_ = 0;
     uint64_t malformed_[size_t(Malformed::kCount)] = {}, malformed_total_ = 0, untracked_ = 0;
@@ -302,7 +304,7 @@ int attach_endpoints(const ZmqApi &zmq, void *socket, const CollectOptions &o,
 // Serves the handshakes and the messages in turn until a signal or an output failure.
 void receive_until_stopped(const ZmqApi &zmq, void *socket, void *zap_socket, ZapHandler &zap,
                            OutputSink &sink, const CollectOptions &o) {
-    Collector collector(sink, o.text, o.netflow_names);
+    Collector collector(sink, o.text, o.netflow_names, o.community_id_seed);
     std::vector<std::string> parts;
     std::string sender;
     zmq_pollitem_t items[] = {{socket, 0, ZMQ_POLLIN, 0}, {zap_socket, 0, ZMQ_POLLIN, 0}};
@@ -363,6 +365,12 @@ CLI::App *add_collect_command(CLI::App &app, CollectOptions &o) {
             CLI::CheckedTransformer(std::map<std::string, bool>{{"json", false}, {"text", true}},
                                     CLI::ignore_case)
                 .description(""));
+    command
+        ->add_option("--community-id-seed", o.community_id_seed,
+                     "Seed of the flow objects' Community IDs (community_id), as the probes' "
+                     "--community-id-seed")
+        ->type_name("N")
+        ->capture_default_str();
     command->add_flag("--netflow-names", o.netflow_names,
                       "Write flow records as received, their keys by NetFlow names "
                       "(ipv4_src_addr, in_pkts, ...) instead of the flow object");

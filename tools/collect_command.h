@@ -20,6 +20,7 @@ struct CollectOptions {
     std::string allow_keys;  // file of the exporters' public keys; empty: any exporter
     bool text = false;       // --format text
     bool netflow_names = false;
+    uint16_t community_id_seed = 0;
     std::string output = "-";
 };
 

@@ -196,6 +196,7 @@ void icmp_fields(uint64_t sport, uint64_t dport, FlowFields *f) {
                std::find(std::begin(kQueries), std::end(kQueries), port >> 8) != std::end(kQueries);
     };
     const bool from_reply = !query_type(dport) && query_type(sport);
+    f->icmp_from_reply = from_reply;
     f->icmp_type = int((from_reply ? sport : dport) >> 8);
     f->icmp_code = 0;
     f->icmp_id = int(from_reply ? dport : sport);

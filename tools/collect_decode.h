@@ -34,6 +34,7 @@ DecodedMessage decode_message(const std::vector<std::string> &parts);
 // Texts that the FlowFields of a received record point to besides the record's own.
 struct ReceivedTexts {
     std::string app_name, src_mac, dest_mac;  // the MACs in lower case
+    char community_id[QUELM_COMMUNITY_ID_SIZE];
 };
 
 // The fields of a flow record received from `probe`, as FlowFields; its texts point into `record`,

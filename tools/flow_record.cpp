@@ -407,6 +407,34 @@ uint64_t flow_id(const FlowFields &f) {
     return (h ^ h >> 51) & ((uint64_t(1) << 51) - 1);
 }
 
+const char *community_id(const FlowFields &f, uint16_t seed, char *out) {
+    if (f.src_ip == nullptr || f.dest_ip == nullptr || f.ip_protocol < 0) return nullptr;
+    // The key's address form: IPv4 as a host-order value in the first 4 bytes.
+    uint8_t s[16] = {}, d[16] = {};
+    const uint8_t version = std::strchr(f.src_ip, ':') != nullptr ? 6 : 4;
+    const int family = version == 4 ? AF_INET : AF_INET6;
+    if (inet_pton(family, f.src_ip, s) != 1 || inet_pton(family, f.dest_ip, d) != 1) return nullptr;
+    if (version == 4) {
+        for (uint8_t *a : {s, d}) {
+            uint32_t v;
+            std::memcpy(&v, a, 4);
+            v = ntohl(v);
+            std::memcpy(a, &v, 4);
+        }
+    }
+    int sport = f.src_port, dport = f.dest_port;
+    const uint8_t *from = s, *to = d;
+    if (f.icmp_type >= 0) {
+        // A query flow that began with a reply: the query's direction is the other one.
+        if (f.icmp_from_reply) std::swap(from, to);
+        sport = f.icmp_type, dport = f.icmp_code;
+    }
+    const int n = quelm_community_id(
+        version, from, to, uint8_t(f.ip_protocol), uint16_t(sport < 0 ? 0 : sport),
+        uint16_t(dport < 0 ? 0 : dport), seed, out, QUELM_COMMUNITY_ID_SIZE);
+    return n > 0 ? out : nullptr;
+}
+
 size_t format_json_flow(const FlowFields &f, char *buffer) {
     Out o(buffer);
     Members top(o);
@@ -425,6 +453,7 @@ size_t format_json_flow(const FlowFields &f, char *buffer) {
     }
     if (f.ip_protocol >= 0) top.key("proto").str(utils_prototoa(uint32_t(f.ip_protocol)));
     if (const char *app = app_proto_of(f)) top.text("app_proto", app);
+    if (f.community_id != nullptr) top.text("community_id", f.community_id);
     if (f.vlan != 0) top.key("vlan").ch('[').u64(uint64_t(f.vlan)).ch(']');
     if (f.src_mac != nullptr || f.dest_mac != nullptr) {
         Members ether(top.key("ether"));

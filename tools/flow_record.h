@@ -51,6 +51,8 @@ struct FlowFields {
     uint32_t tunnel_id = 0;
     int64_t library_id = -1;
     const char *in_iface = nullptr, *probe = nullptr;
+    const char *community_id = nullptr;
+    bool icmp_from_reply = false;  // an ICMP query flow whose source sent the replies
     // JSON members ("name":value,...) of what has no place above: written in quelm.export.
     std::string more;
 };
@@ -58,6 +60,7 @@ struct FlowFields {
 // Texts that FlowFields of a live flow point to.
 struct FlowTexts {
     char src_ip[48], dest_ip[48], src_mac[18], dest_mac[18], app_name[64], category[64];
+    char community_id[QUELM_COMMUNITY_ID_SIZE];
 };
 
 // The fields of a flow leaving `table` (which may have no detection: then every flow is
@@ -65,6 +68,11 @@ struct FlowTexts {
 // reply code of 0 means "not seen".
 void flow_fields(quelm_flow *flow, quelm_table *table, bool answers_read, FlowTexts *texts,
                  FlowFields *out);
+
+// The Community ID of a record's endpoints into `out` (QUELM_COMMUNITY_ID_SIZE bytes), for
+// records that are not flows of a table; null when the record lacks addresses or protocol. (A
+// table's flows have quelm_flow_community_id.)
+const char *community_id(const FlowFields &f, uint16_t seed, char *out);
 
 // The EVE spelling of the engine's protocol ("http"), or null when EVE has no name for it.
 const char *eve_app_proto(const quelm_l7_protocol &l7);

@@ -25,6 +25,9 @@ void FlowWriter::write(quelm_flow *flow) {
             FlowFields fields;
             flow_fields(flow, table_, answers_read_, &texts, &fields);
             if (!interface_.empty()) fields.in_iface = interface_.c_str();
+            if (quelm_flow_community_id(flow, community_id_seed_, texts.community_id,
+                                        sizeof texts.community_id) > 0)
+                fields.community_id = texts.community_id;
             // A flush after SIGINT or SIGTERM ends the run; any other is the end of the input.
             fields.by_signal = stop_requested();
             sink_->commit(format_ == Format::kJson ? format_json_flow(fields, at)

@@ -71,6 +71,8 @@ class FlowWriter {
     void write(quelm_flow *flow);
     // The interface of a live capture, named in every record (in_iface).
     void interface(const std::string &name) { interface_ = name; }
+    // The seed of the records' Community IDs.
+    void community_id_seed(uint16_t seed) { community_id_seed_ = seed; }
     void count_protocols(bool on) { count_protocols_ = on; }
     void hand_on_to_exporter(bool on) { export_ = on; }
     uint64_t flows_written() const { return flows_; }
@@ -84,6 +86,7 @@ class FlowWriter {
     quelm_table *table_;
     bool answers_read_;
     std::string interface_;
+    uint16_t community_id_seed_ = 0;
     bool count_protocols_ = false;
     bool export_ = false;
     uint64_t flows_ = 0;

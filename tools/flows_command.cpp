@@ -413,6 +413,13 @@ void add_output_options(CLI::App &command, FlowsOptions &o) {
         ->transform(CLI::CheckedTransformer(kFormats, CLI::ignore_case).description(""))
         ->group(group);
     command
+        .add_option("--community-id-seed", o.community_id_seed,
+                    "Seed of the records' Community IDs (community_id), 0 to 65535: monitors "
+                    "whose records are joined must use the same")
+        ->type_name("N")
+        ->capture_default_str()
+        ->group(group);
+    command
         .add_flag("--stats", o.stats,
                   "At the end, print a summary on standard error: packets, bytes, flows, speed, "
                   "and the flows, packets and bytes of each application protocol")
@@ -500,6 +507,7 @@ int run_flows(const FlowsOptions &o) {
     FlowWriter writer(writing ? &sink : nullptr, o.format, table,
                       o.detection.enabled && o.detection.extra_dissection);
     if (!o.interface.empty()) writer.interface(o.interface);
+    writer.community_id_seed(o.community_id_seed);
     writer.count_protocols(o.stats && o.detection.enabled);
     writer.hand_on_to_exporter(exporting);
     FlowTargets targets{writer, ipfix, table};

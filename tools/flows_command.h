@@ -40,6 +40,7 @@ struct FlowsOptions {
     // Output
     std::string output;  // empty: standard output, unless the flows are exported
     Format format = Format::kText;
+    uint16_t community_id_seed = 0;
     bool stats = false;
     bool no_progress = false;
 };

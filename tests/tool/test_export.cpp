@@ -81,7 +81,7 @@ std::multiset<std::string> flows_of(const std::vector<Json> &records) {
              {"/src_ip", "/src_port", "/dest_ip", "/dest_port", "/icmp_type", "/icmp_code",
               "/proto", "/vlan", "/ether", "/flow/pkts_toserver", "/flow/bytes_toserver",
               "/flow/pkts_toclient", "/flow/bytes_toclient", "/tcp/tcp_flags_ts", "/quelm/icmp_id",
-              "/quelm/app_proto", "/quelm/app_proto_id"})
+              "/quelm/app_proto", "/quelm/app_proto_id", "/community_id"})
             flow += text(r.value(Json::json_pointer(field), Json())) + " ";
         if (r.value("event_type", "") == "flow") flows.insert(flow);
     }
