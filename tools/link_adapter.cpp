@@ -469,7 +469,7 @@ AdaptedFrame LinkAdapter::rewrite(const uint8_t *packet, uint32_t caplen, uint32
         scratch_.resize(kEthernetHeaderLen + network_len);
         eth = scratch_.data();
     }
-    std::memcpy(eth + kEthernetHeaderLen, network, network_len);
+    if (network_len != 0) std::memcpy(eth + kEthernetHeaderLen, network, network_len);
     // Byte counts are those of the packet on Ethernet: the wire length less everything in front
     // of the network header (and less the FCS, dropped above), plus an Ethernet header. A link
     // header that gives the packet's length (NFLOG) is taken at its word.

@@ -204,12 +204,22 @@ TEST_F(Export, BackPressureLosesNothingAndADeadCollectorIsCounted) {
         const pid_t sender =
             send(endpoint, "--no-dpi --zmq-connect --zmq-timeout 600", "many.pcap");
         uint64_t before = 0;
+        bool sending = true;  // the exporter had messages left when its collector died
         if (replace) {
             ASSERT_TRUE(eventually([&] { return collector->output().size() > 100000; }));
+            // The exporter waits while its collector is replaced. One that has already written
+            // every message into the dead collector's socket has nothing left to show the loss
+            // with: that case proves nothing here.
+            kill(sender, SIGSTOP);
+            std::ifstream stat("/proc/" + std::to_string(sender) + "/stat");
+            std::string pid, name, state;
+            stat >> pid >> name >> state;
+            sending = state != "Z";
             kill(collector->pid(), SIGKILL);
             before = collector->flow_records();
             collector->stop();
             collector.emplace("--bind", endpoint, key);
+            kill(sender, SIGCONT);
         } else {
             usleep(1000000);  // the stall itself, not a wait for anything
             kill(collector->pid(), SIGCONT);
@@ -219,19 +229,20 @@ TEST_F(Export, BackPressureLosesNothingAndADeadCollectorIsCounted) {
         const std::string exported = sent.err.substr(sent.err.find("exported ") + 9);
         const std::string last =
             "\"num_flow_exports\":" + exported.substr(0, exported.find(' ')) + ",";
-        EXPECT_TRUE(eventually(
-            [&] {
-                const std::string out = collector->output();
-                return out.find(last, out.rfind('\n', out.size() - 2)) != std::string::npos;
-            },
-            100));
+        EXPECT_TRUE(!sending || eventually(
+                                    [&] {
+                                        const std::string out = collector->output();
+                                        return out.find(last, out.rfind('\n', out.size() - 2)) !=
+                                               std::string::npos;
+                                    },
+                                    100));
         const uint64_t received = before + collector->flow_records();
         const std::string report = collector->stop().err;
         if (!replace) {
             EXPECT_EQ(sent.exit_code, 0) << sent.err;
             EXPECT_THAT(report, HasSubstr(" 0 messages lost, 0 malformed"));
             EXPECT_EQ(received, kFlows) << "every flow";
-        } else if (sent.exit_code == 0 && received < kFlows) {
+        } else if (sending && sent.exit_code == 0 && received < kFlows) {
             EXPECT_THAT(report, Not(HasSubstr(" 0 messages lost"))) << "a loss nobody counted";
         }
     }
